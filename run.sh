@@ -1,0 +1,84 @@
+#!/usr/bin/env bash
+# nerva's one entry point. Usage:
+#   ./run.sh example          build (Release) and run the example program
+#   ./run.sh test             build and run every test, then again under ASan+UBSan
+#   ./run.sh bench            build and run the benchmarks
+#   ./run.sh install PREFIX   build (Release) and install the package into PREFIX
+set -euo pipefail
+cd "$(dirname "$0")"
+
+JOBS=$(nproc)
+PACKAGES=(cmake g++ make libtbb-dev libopenblas64-dev libopenblas64-serial-dev googletest libgtest-dev
+          libbenchmark-dev pkg-config)
+
+ensure_packages() {
+  local missing=()
+  for p in "${PACKAGES[@]}" "$@"; do
+    dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  echo "Installing missing packages: ${missing[*]}"
+  local sudo=""
+  [ "$(id -u)" -eq 0 ] || sudo="sudo"
+  $sudo apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}"
+}
+
+# configure DIR [cmake args...]
+configure() {
+  local dir=$1
+  shift
+  local werror=OFF
+  [ -n "${CI:-}" ] && werror=ON
+  cmake -S . -B "$dir" -DNERVA_WERROR=$werror "$@" >/dev/null
+}
+
+build() { cmake --build "$1" -j "$JOBS" "${@:2}"; }
+
+run_tests() {
+  local dir=$1
+  ctest --test-dir "$dir" -j "$JOBS" --output-on-failure
+}
+
+cmd=${1:-}
+case "$cmd" in
+  example)
+    ensure_packages
+    configure build -DCMAKE_BUILD_TYPE=Release
+    build build --target pool_demo
+    ./build/examples/pool_demo "${@:2}"
+    ;;
+  test)
+    ensure_packages
+    configure build -DCMAKE_BUILD_TYPE=Release
+    build build
+    run_tests build
+    echo "== Tests again with AddressSanitizer and UndefinedBehaviorSanitizer"
+    configure build-asan -DCMAKE_BUILD_TYPE=Debug -DNERVA_SANITIZE=address,undefined \
+      -DNERVA_BUILD_BENCHMARKS=OFF -DNERVA_BUILD_EXAMPLES=OFF
+    build build-asan
+    ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 run_tests build-asan
+    ;;
+  bench)
+    ensure_packages
+    configure build -DCMAKE_BUILD_TYPE=Release
+    build build
+    mkdir -p build/bench
+    for b in build/bench/bench_*; do
+      [ -x "$b" ] || continue
+      echo "== $b"
+      "$b" --benchmark_out="$b.json" --benchmark_out_format=json "${@:2}"
+    done
+    ;;
+  install)
+    prefix=${2:?usage: ./run.sh install PREFIX}
+    ensure_packages
+    configure build -DCMAKE_BUILD_TYPE=Release
+    build build --target nerva qel_permute
+    cmake --install build --prefix "$prefix"
+    ;;
+  *)
+    sed -n '2,6p' "$0"
+    exit 2
+    ;;
+esac
