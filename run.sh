@@ -8,7 +8,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 JOBS=$(nproc)
-PACKAGES=(cmake g++ make libtbb-dev libopenblas64-dev libopenblas64-serial-dev googletest libgtest-dev
+PACKAGES=(cmake g++ make libtbb-dev libopenblas64-dev libopenblas64-serial-dev libopenblas64-0-pthread googletest libgtest-dev
           libbenchmark-dev pkg-config)
 
 ensure_packages() {
