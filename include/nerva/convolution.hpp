@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstddef>
+
+#include "nerva/detail/export.hpp"
+
+namespace nerva {
+
+// Geometry of one data dimension of a convolution over an output array:
+// the output's data range [first, last) and increment, and the extents and
+// increments of the window and input operands that the caller supplies.
+struct NERVA_API ConvolutionDimensionDescriptor {
+  ConvolutionDimensionDescriptor(std::size_t first, std::size_t last, std::size_t windowExtent,
+                                 std::size_t inputExtent);
+
+  std::size_t first;
+  std::size_t last;
+  long outputIncrement = 1;
+  std::size_t windowExtent;
+  long windowIncrement = 1;
+  std::size_t inputExtent;
+  long inputIncrement = 1;
+};
+
+// As above for an output that keeps every stride-th position of its range;
+// `last` is tightened to one past the last sampled position.
+struct NERVA_API StridedConvolutionDimensionDescriptor : ConvolutionDimensionDescriptor {
+  StridedConvolutionDimensionDescriptor(std::size_t first, std::size_t last,
+                                        std::size_t windowExtent, std::size_t inputExtent,
+                                        std::size_t stride);
+
+  std::size_t stride;
+};
+
+// The same geometry for all data dimensions at once, as owned arrays of
+// `dimensionCount` entries indexed by dimension.
+struct NERVA_API ConvolutionNDDescriptor {
+  // Copies dimensionCount = max(windowCount, inputCount) firsts and lasts,
+  // pads the extents with 1 and gives the increments their dense defaults.
+  ConvolutionNDDescriptor(std::size_t const* firsts, std::size_t const* lasts,
+                          std::size_t const* windowExtents, std::size_t windowCount,
+                          std::size_t const* inputExtents, std::size_t inputCount);
+  ~ConvolutionNDDescriptor();
+
+  ConvolutionNDDescriptor(const ConvolutionNDDescriptor&) = delete;
+  ConvolutionNDDescriptor& operator=(const ConvolutionNDDescriptor&) = delete;
+
+  // Dense first-dimension-fastest increments of output, window and input,
+  // the output extent of each dimension taken from `outputExtents`.
+  void SetDenseIncrements(std::size_t const* outputExtents);
+
+  std::size_t* firsts = nullptr;
+  std::size_t* lasts = nullptr;
+  std::size_t* windowExtents = nullptr;
+  std::size_t* inputExtents = nullptr;
+  long* outputIncrements = nullptr;
+  long* windowIncrements = nullptr;
+  long* inputIncrements = nullptr;
+  std::size_t dimensionCount;
+  std::size_t windowDimensionCount;
+  std::size_t inputDimensionCount;
+};
+
+struct NERVA_API StridedConvolutionNDDescriptor : ConvolutionNDDescriptor {
+  using ConvolutionNDDescriptor::ConvolutionNDDescriptor;
+  ~StridedConvolutionNDDescriptor();
+
+  std::size_t* strides = nullptr;
+};
+
+}  // namespace nerva
