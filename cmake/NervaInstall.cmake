@@ -17,5 +17,8 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/nervaConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/nervaConfig.cmake ${PROJECT_BINARY_DIR}/nervaConfigVersion.cmake
   DESTINATION ${NERVA_CMAKE_DIR})
 
+# The .pc file finds its prefix relative to its own folder, so the package
+# stays usable after `cmake --install --prefix` to any place.
+file(RELATIVE_PATH NERVA_PC_TO_PREFIX /root/${CMAKE_INSTALL_LIBDIR}/pkgconfig /root)
 configure_file(cmake/nerva.pc.in ${PROJECT_BINARY_DIR}/nerva.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/nerva.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
