@@ -20,5 +20,6 @@ install(FILES ${PROJECT_BINARY_DIR}/nervaConfig.cmake ${PROJECT_BINARY_DIR}/nerv
 # The .pc file finds its prefix relative to its own folder, so the package
 # stays usable after `cmake --install --prefix` to any place.
 file(RELATIVE_PATH NERVA_PC_TO_PREFIX /root/${CMAKE_INSTALL_LIBDIR}/pkgconfig /root)
+string(REGEX REPLACE "/$" "" NERVA_PC_TO_PREFIX "${NERVA_PC_TO_PREFIX}")
 configure_file(cmake/nerva.pc.in ${PROJECT_BINARY_DIR}/nerva.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/nerva.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
