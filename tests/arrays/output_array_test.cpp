@@ -268,17 +268,4 @@ TEST(OutputArray, BypassPoolOrAllocate) {
   bypass_case(1024, 1025, false);
 }
 
-TEST(OutputArray, BypassWithoutHandedOverBlockLeases) {
-  Pooled p;
-  const float elements[8] = {};
-  const std::size_t sizes[1] = {8};
-  FormattedInputArray<float> in(p.pool, elements, sizes, 1, 1, 1, 2, nullptr);
-  in.Reformat(nerva::ChainedFormat);
-  const std::size_t out_sizes[1] = {4};
-  FormattedOutputArray<float> out(p.pool, out_sizes, 1, 1, 1, 1, 2, nerva::Unallocated);
-  nerva::bypassPoolOrAllocate(&out, &in);
-  EXPECT_NE(out.Data(), nullptr);
-  EXPECT_EQ(in.Data()[0], 0.0f);
-}
-
 }  // namespace
