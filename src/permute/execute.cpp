@@ -1,0 +1,93 @@
+#include "permute/execute.hpp"
+
+#include <cstring>
+#include <memory>
+
+namespace qel_permute::detail {
+namespace {
+
+using Byte = unsigned char;
+
+// Calls f(s, d) for every index of dims[0, n), the last dimension outermost.
+template <class F>
+void for_each_index(Dim const* dims, std::size_t n, std::size_t width, Byte const* s, Byte* d,
+                    F& f) {
+  if (n == 0) {
+    f(s, d);
+    return;
+  }
+  Dim const& outer = dims[n - 1];
+  std::size_t const ss = outer.srcStride * width;
+  std::size_t const ds = outer.dstStride * width;
+  for (std::size_t i = 0; i < outer.extent; ++i) {
+    for_each_index(dims, n - 1, width, s + i * ss, d + i * ds, f);
+  }
+}
+
+// The fastest dimension stays fastest: the data moves in contiguous runs.
+void copy_runs(Dim* dims, std::size_t rank, std::size_t width, Byte const* src, Byte* dst) {
+  std::size_t const run = dims[0].extent * width;
+  if (rank == 1) {
+    std::memcpy(dst, src, run);
+    return;
+  }
+  std::size_t const count = dims[1].extent;
+  std::size_t const step = dims[1].srcStride * width;
+  auto body = [run, count, step](Byte const* s, Byte* d) {
+    for (std::size_t i = 0; i < count; ++i) std::memcpy(d + i * run, s + i * step, run);
+  };
+  for_each_index(dims + 2, rank - 2, width, src, dst, body);
+}
+
+// A true transpose: the fastest destination dimension (a) and the fastest
+// source dimension (b) form the planes the kernel transposes, the lowest
+// other dimension is batched into the same kernel call, the rest loop here.
+void transpose_all(Dim* dims, std::size_t rank, std::size_t width, TransposeFn transpose,
+                   Byte const* src, Byte* dst) {
+  std::size_t k = 1;
+  while (dims[k].srcStride != 1) ++k;
+  std::size_t const c = k == 1 ? 2 : 1;
+  TransposeShape shape{
+      dims[0].extent, dims[k].extent, dims[0].srcStride, dims[k].dstStride, 1, 0, 0};
+  if (c < rank) {
+    shape.count = dims[c].extent;
+    shape.sC = dims[c].srcStride;
+    shape.dC = dims[c].dstStride;
+  }
+  std::size_t n = 0;
+  for (std::size_t i = 1; i < rank; ++i) {
+    if (i != k && i != c) dims[n++] = dims[i];
+  }
+  auto body = [transpose, &shape](Byte const* s, Byte* d) { transpose(s, d, shape); };
+  for_each_index(dims, n, width, src, dst, body);
+}
+
+}  // namespace
+
+void execute(Plan plan, std::size_t width, TransposeFn transpose, void const* src, void* dst) {
+  if (plan.empty) return;
+  auto const* in = static_cast<Byte const*>(src);
+  auto* out = static_cast<Byte*>(dst);
+  if (plan.rank == 0) {
+    std::memcpy(out, in, width);
+  } else if (plan.dims[0].srcStride == 1) {
+    copy_runs(plan.dims, plan.rank, width, in, out);
+  } else {
+    transpose_all(plan.dims, plan.rank, width, transpose, in, out);
+  }
+}
+
+void permute(TransposeFn transpose, std::size_t width, void const* src, void* dst,
+             std::size_t numDims, std::size_t const* sizes, std::size_t const* permutation) {
+  constexpr std::size_t kLocalDims = 16;
+  Dim local[kLocalDims];
+  std::unique_ptr<Dim[]> heap;
+  Dim* storage = local;
+  if (numDims > kLocalDims) {
+    heap.reset(new Dim[numDims]);
+    storage = heap.get();
+  }
+  execute(make_plan(numDims, sizes, permutation, storage), width, transpose, src, dst);
+}
+
+}  // namespace qel_permute::detail

@@ -1,0 +1,79 @@
+// SSE2 micro-kernels (the x86-64 baseline). Each transposes a square tile of
+// one 128-bit register per row by repeated interleaving: interleaving row i
+// with row i + T/2 rotates the bits of the (row, column) index by one, so
+// log2(T) rounds leave the tile transposed.
+#include <emmintrin.h>
+
+#include <cstdint>
+
+#include "permute/transpose_loops.hpp"
+
+namespace qel_permute::detail {
+namespace {
+
+inline __m128i load(void const* p) { return _mm_loadu_si128(static_cast<__m128i const*>(p)); }
+inline void store(void* p, __m128i v) { _mm_storeu_si128(static_cast<__m128i*>(p), v); }
+
+// 16 x 16 bytes: four rounds of byte interleaves.
+struct Sse2U8 {
+  using Elem = std::uint8_t;
+  static constexpr std::size_t kTile = 16;
+  static constexpr std::size_t kBlock = 64;
+  static void tile(Elem const* s, std::size_t sA, Elem* d, std::size_t dB) {
+    __m128i r[16], t[16];
+    for (int i = 0; i < 16; ++i) r[i] = load(s + i * sA);
+    for (int round = 0; round < 4; ++round) {
+      for (int i = 0; i < 8; ++i) {
+        t[2 * i] = _mm_unpacklo_epi8(r[i], r[i + 8]);
+        t[2 * i + 1] = _mm_unpackhi_epi8(r[i], r[i + 8]);
+      }
+      for (int i = 0; i < 16; ++i) r[i] = t[i];
+    }
+    for (int j = 0; j < 16; ++j) store(d + j * dB, r[j]);
+  }
+};
+
+// 4 x 4 elements of 4 bytes.
+struct Sse2U32 {
+  using Elem = std::uint32_t;
+  static constexpr std::size_t kTile = 4;
+  static constexpr std::size_t kBlock = 16;
+  static void tile(Elem const* s, std::size_t sA, Elem* d, std::size_t dB) {
+    __m128i const r0 = load(s), r1 = load(s + sA), r2 = load(s + 2 * sA), r3 = load(s + 3 * sA);
+    __m128i const t0 = _mm_unpacklo_epi32(r0, r1), t1 = _mm_unpacklo_epi32(r2, r3);
+    __m128i const t2 = _mm_unpackhi_epi32(r0, r1), t3 = _mm_unpackhi_epi32(r2, r3);
+    store(d, _mm_unpacklo_epi64(t0, t1));
+    store(d + dB, _mm_unpackhi_epi64(t0, t1));
+    store(d + 2 * dB, _mm_unpacklo_epi64(t2, t3));
+    store(d + 3 * dB, _mm_unpackhi_epi64(t2, t3));
+  }
+};
+
+// 2 x 2 elements of 8 bytes.
+struct Sse2U64 {
+  using Elem = std::uint64_t;
+  static constexpr std::size_t kTile = 2;
+  static constexpr std::size_t kBlock = 8;
+  static void tile(Elem const* s, std::size_t sA, Elem* d, std::size_t dB) {
+    __m128i const r0 = load(s), r1 = load(s + sA);
+    store(d, _mm_unpacklo_epi64(r0, r1));
+    store(d + dB, _mm_unpackhi_epi64(r0, r1));
+  }
+};
+
+}  // namespace
+
+TransposeFn transpose_sse2(std::size_t width) {
+  switch (width) {
+    case 1:
+      return &transpose_planes<Sse2U8>;
+    case 4:
+      return &transpose_planes<Sse2U32>;
+    case 8:
+      return &transpose_planes<Sse2U64>;
+    default:
+      return nullptr;
+  }
+}
+
+}  // namespace qel_permute::detail
