@@ -43,12 +43,12 @@ void copy_runs(Dim* dims, std::size_t rank, std::size_t width, Byte const* src, 
 // source dimension (b) form the planes the kernel transposes, the lowest
 // other dimension is batched into the same kernel call, the rest loop here.
 void transpose_all(Dim* dims, std::size_t rank, std::size_t width, TransposeFn transpose,
-                   Byte const* src, Byte* dst) {
+                   bool stream, Byte const* src, Byte* dst) {
   std::size_t k = 1;
   while (dims[k].srcStride != 1) ++k;
   std::size_t const c = k == 1 ? 2 : 1;
-  TransposeShape shape{
-      dims[0].extent, dims[k].extent, dims[0].srcStride, dims[k].dstStride, 1, 0, 0};
+  TransposeShape shape{dims[0].extent, dims[k].extent, dims[0].srcStride, dims[k].dstStride, 1, 0,
+                       0, stream};
   if (c < rank) {
     shape.count = dims[c].extent;
     shape.sC = dims[c].srcStride;
@@ -64,7 +64,8 @@ void transpose_all(Dim* dims, std::size_t rank, std::size_t width, TransposeFn t
 
 }  // namespace
 
-void execute(Plan plan, std::size_t width, TransposeFn transpose, void const* src, void* dst) {
+void execute(Plan plan, std::size_t width, TransposeFn transpose, void const* src, void* dst,
+             std::size_t streamBytes) {
   if (plan.empty) return;
   auto const* in = static_cast<Byte const*>(src);
   auto* out = static_cast<Byte*>(dst);
@@ -73,12 +74,15 @@ void execute(Plan plan, std::size_t width, TransposeFn transpose, void const* sr
   } else if (plan.dims[0].srcStride == 1) {
     copy_runs(plan.dims, plan.rank, width, in, out);
   } else {
-    transpose_all(plan.dims, plan.rank, width, transpose, in, out);
+    std::size_t bytes = width;
+    for (std::size_t i = 0; i < plan.rank; ++i) bytes *= plan.dims[i].extent;
+    transpose_all(plan.dims, plan.rank, width, transpose, bytes >= streamBytes, in, out);
   }
 }
 
 void permute(TransposeFn transpose, std::size_t width, void const* src, void* dst,
-             std::size_t numDims, std::size_t const* sizes, std::size_t const* permutation) {
+             std::size_t numDims, std::size_t const* sizes, std::size_t const* permutation,
+             std::size_t streamBytes) {
   constexpr std::size_t kLocalDims = 16;
   Dim local[kLocalDims];
   std::unique_ptr<Dim[]> heap;
@@ -87,7 +91,8 @@ void permute(TransposeFn transpose, std::size_t width, void const* src, void* ds
     heap.reset(new Dim[numDims]);
     storage = heap.get();
   }
-  execute(make_plan(numDims, sizes, permutation, storage), width, transpose, src, dst);
+  execute(make_plan(numDims, sizes, permutation, storage), width, transpose, src, dst,
+          streamBytes);
 }
 
 }  // namespace qel_permute::detail

@@ -11,10 +11,13 @@ enum class Isa { Scalar, Sse2, Avx2, Avx512 };
 //   dst[c * dC + b * dB + a] = src[c * sC + a * sA + b]
 // for c < count, a < A, b < B. Dimension a is contiguous in the destination,
 // dimension b in the source.
+// With `stream` set, whole destination lines are written with non-temporal
+// stores where alignment allows (for destinations larger than the caches).
 struct TransposeShape {
   std::size_t A, B;
   std::size_t sA, dB;
   std::size_t count, sC, dC;
+  bool stream;
 };
 
 using TransposeFn = void (*)(void const* src, void* dst, TransposeShape const& shape);

@@ -10,12 +10,22 @@ template <class E>
 struct ScalarKernel {
   using Elem = E;
   static constexpr std::size_t kTile = 4;
-  static constexpr std::size_t kBlock = 64 / sizeof(E) < 16 ? 16 : 64 / sizeof(E);
-  static void tile(Elem const* s, std::size_t sA, Elem* d, std::size_t dB) {
-    for (std::size_t j = 0; j < kTile; ++j) {
-      for (std::size_t i = 0; i < kTile; ++i) d[j * dB + i] = s[i * sA + j];
+  struct Vec {
+    Elem e[kTile];
+  };
+  static constexpr std::size_t kBlockA = 128 / sizeof(E) < 16 ? 16 : 128 / sizeof(E);
+  static constexpr std::size_t kBlockB = 32;
+  static constexpr std::size_t kChunkA = 4 * kBlockA;
+  static void transpose(Elem const* s, std::size_t sA, Vec* rows) {
+    for (std::size_t i = 0; i < kTile; ++i) {
+      for (std::size_t j = 0; j < kTile; ++j) rows[j].e[i] = s[i * sA + j];
     }
   }
+  static void store(Elem* d, Vec const& v) {
+    for (std::size_t i = 0; i < kTile; ++i) d[i] = v.e[i];
+  }
+  static void stream(Elem* d, Vec const& v) { store(d, v); }
+  static void fence() {}
 };
 
 }  // namespace

@@ -12,15 +12,24 @@ namespace qel_permute::detail {
 namespace {
 
 inline __m128i load(void const* p) { return _mm_loadu_si128(static_cast<__m128i const*>(p)); }
-inline void store(void* p, __m128i v) { _mm_storeu_si128(static_cast<__m128i*>(p), v); }
+
+template <class E>
+struct Sse2Base {
+  using Elem = E;
+  using Vec = __m128i;
+  static void store(Elem* d, Vec v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(d), v); }
+  static void stream(Elem* d, Vec v) { _mm_stream_si128(reinterpret_cast<__m128i*>(d), v); }
+  static void fence() { _mm_sfence(); }
+};
 
 // 16 x 16 bytes: four rounds of byte interleaves.
-struct Sse2U8 {
-  using Elem = std::uint8_t;
+struct Sse2U8 : Sse2Base<std::uint8_t> {
   static constexpr std::size_t kTile = 16;
-  static constexpr std::size_t kBlock = 64;
-  static void tile(Elem const* s, std::size_t sA, Elem* d, std::size_t dB) {
-    __m128i r[16], t[16];
+  static constexpr std::size_t kBlockA = 128;
+  static constexpr std::size_t kBlockB = 32;
+  static constexpr std::size_t kChunkA = 4 * kBlockA;
+  static void transpose(Elem const* s, std::size_t sA, Vec* r) {
+    Vec t[16];
     for (int i = 0; i < 16; ++i) r[i] = load(s + i * sA);
     for (int round = 0; round < 4; ++round) {
       for (int i = 0; i < 8; ++i) {
@@ -29,35 +38,36 @@ struct Sse2U8 {
       }
       for (int i = 0; i < 16; ++i) r[i] = t[i];
     }
-    for (int j = 0; j < 16; ++j) store(d + j * dB, r[j]);
   }
 };
 
 // 4 x 4 elements of 4 bytes.
-struct Sse2U32 {
-  using Elem = std::uint32_t;
+struct Sse2U32 : Sse2Base<std::uint32_t> {
   static constexpr std::size_t kTile = 4;
-  static constexpr std::size_t kBlock = 16;
-  static void tile(Elem const* s, std::size_t sA, Elem* d, std::size_t dB) {
-    __m128i const r0 = load(s), r1 = load(s + sA), r2 = load(s + 2 * sA), r3 = load(s + 3 * sA);
-    __m128i const t0 = _mm_unpacklo_epi32(r0, r1), t1 = _mm_unpacklo_epi32(r2, r3);
-    __m128i const t2 = _mm_unpackhi_epi32(r0, r1), t3 = _mm_unpackhi_epi32(r2, r3);
-    store(d, _mm_unpacklo_epi64(t0, t1));
-    store(d + dB, _mm_unpackhi_epi64(t0, t1));
-    store(d + 2 * dB, _mm_unpacklo_epi64(t2, t3));
-    store(d + 3 * dB, _mm_unpackhi_epi64(t2, t3));
+  static constexpr std::size_t kBlockA = 32;
+  static constexpr std::size_t kBlockB = 32;
+  static constexpr std::size_t kChunkA = 4 * kBlockA;
+  static void transpose(Elem const* s, std::size_t sA, Vec* r) {
+    Vec const r0 = load(s), r1 = load(s + sA), r2 = load(s + 2 * sA), r3 = load(s + 3 * sA);
+    Vec const t0 = _mm_unpacklo_epi32(r0, r1), t1 = _mm_unpacklo_epi32(r2, r3);
+    Vec const t2 = _mm_unpackhi_epi32(r0, r1), t3 = _mm_unpackhi_epi32(r2, r3);
+    r[0] = _mm_unpacklo_epi64(t0, t1);
+    r[1] = _mm_unpackhi_epi64(t0, t1);
+    r[2] = _mm_unpacklo_epi64(t2, t3);
+    r[3] = _mm_unpackhi_epi64(t2, t3);
   }
 };
 
 // 2 x 2 elements of 8 bytes.
-struct Sse2U64 {
-  using Elem = std::uint64_t;
+struct Sse2U64 : Sse2Base<std::uint64_t> {
   static constexpr std::size_t kTile = 2;
-  static constexpr std::size_t kBlock = 8;
-  static void tile(Elem const* s, std::size_t sA, Elem* d, std::size_t dB) {
-    __m128i const r0 = load(s), r1 = load(s + sA);
-    store(d, _mm_unpacklo_epi64(r0, r1));
-    store(d + dB, _mm_unpackhi_epi64(r0, r1));
+  static constexpr std::size_t kBlockA = 16;
+  static constexpr std::size_t kBlockB = 32;
+  static constexpr std::size_t kChunkA = 4 * kBlockA;
+  static void transpose(Elem const* s, std::size_t sA, Vec* r) {
+    Vec const r0 = load(s), r1 = load(s + sA);
+    r[0] = _mm_unpacklo_epi64(r0, r1);
+    r[1] = _mm_unpackhi_epi64(r0, r1);
   }
 };
 

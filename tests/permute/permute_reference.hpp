@@ -54,21 +54,26 @@ class GuardedBuffer {
   static constexpr std::size_t kGuard = 256;
   static constexpr unsigned char kPattern = 0xA5;
 
-  explicit GuardedBuffer(std::size_t size) : size_(size), bytes_(size + 2 * kGuard, kPattern) {}
-  unsigned char* data() { return bytes_.data() + kGuard; }
+  // `shift` moves the destination off its natural alignment.
+  explicit GuardedBuffer(std::size_t size, std::size_t shift = 0)
+      : size_(size), shift_(shift), bytes_(size + 2 * kGuard + shift, kPattern) {}
+  unsigned char* data() { return bytes_.data() + kGuard + shift_; }
   bool guards_intact() const {
     for (std::size_t i = 0; i < kGuard; ++i) {
-      if (bytes_[i] != kPattern || bytes_[kGuard + size_ + i] != kPattern) return false;
+      if (bytes_[i + shift_] != kPattern || bytes_[kGuard + shift_ + size_ + i] != kPattern) {
+        return false;
+      }
     }
     return true;
   }
   bool equals(Bytes const& expected) const {
     return expected.size() == size_ &&
-           (size_ == 0 || std::memcmp(expected.data(), bytes_.data() + kGuard, size_) == 0);
+           (size_ == 0 || std::memcmp(expected.data(), bytes_.data() + kGuard + shift_, size_) == 0);
   }
 
  private:
   std::size_t size_;
+  std::size_t shift_;
   Bytes bytes_;
 };
 
