@@ -127,11 +127,11 @@ class SummaryReporter : public benchmark::ConsoleReporter {
       if (run.run_type != Run::RT_Iteration || run.iterations == 0) continue;
       std::string name = run.benchmark_name();
       std::string const suffix = "/real_time";
-      if (name.size() > suffix.size() && name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
+      if (name.size() > suffix.size() &&
+          name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
         name.resize(name.size() - suffix.size());
       }
-      seconds_[name] =
-          run.real_accumulated_time / static_cast<double>(run.iterations);
+      seconds_[name] = run.real_accumulated_time / static_cast<double>(run.iterations);
     }
     ConsoleReporter::ReportRuns(runs);
   }

@@ -5,6 +5,7 @@ namespace {
 
 Isa detect_isa() {
   __builtin_cpu_init();
+  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw")) return Isa::Avx512;
   if (__builtin_cpu_supports("avx2")) return Isa::Avx2;
   return Isa::Sse2;
 }
@@ -28,7 +29,7 @@ TransposeFn transpose_for(Isa isa, std::size_t width) {
     case Isa::Avx2:
       return transpose_avx2(width);
     case Isa::Avx512:
-      return nullptr;
+      return transpose_avx512(width);
   }
   return nullptr;
 }

@@ -47,8 +47,8 @@ void transpose_all(Dim* dims, std::size_t rank, std::size_t width, TransposeFn t
   std::size_t k = 1;
   while (dims[k].srcStride != 1) ++k;
   std::size_t const c = k == 1 ? 2 : 1;
-  TransposeShape shape{dims[0].extent, dims[k].extent, dims[0].srcStride, dims[k].dstStride, 1, 0,
-                       0, stream};
+  TransposeShape shape{
+      dims[0].extent, dims[k].extent, dims[0].srcStride, dims[k].dstStride, 1, 0, 0, stream};
   if (c < rank) {
     shape.count = dims[c].extent;
     shape.sC = dims[c].srcStride;
@@ -91,8 +91,7 @@ void permute(TransposeFn transpose, std::size_t width, void const* src, void* ds
     heap.reset(new Dim[numDims]);
     storage = heap.get();
   }
-  execute(make_plan(numDims, sizes, permutation, storage), width, transpose, src, dst,
-          streamBytes);
+  execute(make_plan(numDims, sizes, permutation, storage), width, transpose, src, dst, streamBytes);
 }
 
 }  // namespace qel_permute::detail

@@ -10,6 +10,7 @@ template <class E>
 struct ScalarKernel {
   using Elem = E;
   static constexpr std::size_t kTile = 4;
+  using Small = void;
   struct Vec {
     Elem e[kTile];
   };

@@ -8,6 +8,7 @@
 // A kernel type K provides:
 //   using Elem;                       // unsigned integer of the element width
 //   using Vec;                        // one destination row of a micro-tile
+//   using Small;                      // kernel for narrower planes, or void
 //   static constexpr size_t kTile;    // the micro-tile is kTile x kTile
 //   static constexpr size_t kBlockA;  // cache block: destination columns ...
 //   static constexpr size_t kBlockB;  // ... and rows, multiples of a line tile
@@ -20,6 +21,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 #include "permute/kernels.hpp"
 
@@ -43,9 +45,21 @@ struct Tiles {
   using Vec = typename K::Vec;
   static constexpr std::size_t T = K::kTile;
   // Micro-tiles side by side that fill whole cache lines of each destination row.
-  static constexpr std::size_t L =
-      kLineBytes / (T * sizeof(Elem)) > 0 ? kLineBytes / (T * sizeof(Elem)) : 1;
+  static constexpr std::size_t L = kLineBytes / (T * sizeof(Elem)) > 0
+                                       ? kLineBytes / (T * sizeof(Elem))
+                                       : 1;
   static constexpr std::size_t kLine = L * T;
+
+  // Planes, or bands of columns, narrower than a tile: the next smaller
+  // kernel, or element by element.
+  static void narrow(Elem const* src, Elem* dst, std::size_t A, std::size_t B, std::size_t sA,
+                     std::size_t dB) {
+    if constexpr (std::is_void_v<typename K::Small>) {
+      transpose_scalar_plane(src, dst, A, B, sA, dB);
+    } else {
+      Tiles<typename K::Small>::plane(src, dst, A, B, sA, dB, false);
+    }
+  }
 
   // One micro-tile; only destination rows [first, T) are stored.
   static void one(Elem const* s, std::size_t sA, Elem* d, std::size_t dB, std::size_t first) {
@@ -55,20 +69,32 @@ struct Tiles {
   }
 
   // kTile destination rows of kLine elements; each row is written whole,
-  // back to back, so non-temporal stores fill complete lines. Only rows
-  // [first, T) are stored.
+  // back to back, so non-temporal stores fill complete lines.
   template <bool Stream>
-  static void line(Elem const* s, std::size_t sA, Elem* d, std::size_t dB, std::size_t first) {
+  static void line(Elem const* s, std::size_t sA, Elem* d, std::size_t dB) {
+    Vec rows[L][T];
+    for (std::size_t l = 0; l < L; ++l) K::transpose(s + l * T * sA, sA, rows[l]);
+    for (std::size_t j = 0; j < T; ++j) {
+      for (std::size_t l = 0; l < L; ++l) put<Stream>(d + j * dB + l * T, rows[l][j]);
+    }
+  }
+
+  // The same, storing only rows [first, T).
+  template <bool Stream>
+  static void line_tail(Elem const* s, std::size_t sA, Elem* d, std::size_t dB, std::size_t first) {
     Vec rows[L][T];
     for (std::size_t l = 0; l < L; ++l) K::transpose(s + l * T * sA, sA, rows[l]);
     for (std::size_t j = first; j < T; ++j) {
-      for (std::size_t l = 0; l < L; ++l) {
-        if (Stream) {
-          K::stream(d + j * dB + l * T, rows[l][j]);
-        } else {
-          K::store(d + j * dB + l * T, rows[l][j]);
-        }
-      }
+      for (std::size_t l = 0; l < L; ++l) put<Stream>(d + j * dB + l * T, rows[l][j]);
+    }
+  }
+
+  template <bool Stream>
+  static void put(Elem* d, Vec v) {
+    if constexpr (Stream) {
+      K::stream(d, v);
+    } else {
+      K::store(d, v);
     }
   }
 
@@ -85,14 +111,14 @@ struct Tiles {
         std::size_t const be = bb + K::kBlockB < Bt ? bb + K::kBlockB : Bt;
         for (std::size_t b = bb; b < be; b += T) {
           for (std::size_t a = ab; a < ae; a += kLine) {
-            line<Stream>(src + a * sA + b, sA, dst + b * dB + a, dB, 0);
+            line<Stream>(src + a * sA + b, sA, dst + b * dB + a, dB);
           }
         }
       }
       if (Bt < B) {
         std::size_t const b = B - T;
         for (std::size_t a = ab; a < ae; a += kLine) {
-          line<Stream>(src + a * sA + b, sA, dst + b * dB + a, dB, T - B % T);
+          line_tail<Stream>(src + a * sA + b, sA, dst + b * dB + a, dB, T - B % T);
         }
       }
     }
@@ -102,11 +128,11 @@ struct Tiles {
   // they start at the first 64-byte boundary of the destination rows, and
   // every streamed line is written exactly once. The columns after them use
   // micro-tiles; the last few columns, and with streaming the columns before
-  // the first boundary, are moved element by element.
+  // the first boundary, go to the narrower kernel.
   static void plane(Elem const* src, Elem* dst, std::size_t A, std::size_t B, std::size_t sA,
                     std::size_t dB, bool stream) {
     if (A < T || B < T) {
-      transpose_scalar_plane(src, dst, A, B, sA, dB);
+      narrow(src, dst, A, B, sA, dB);
       return;
     }
     std::size_t head = 0;
@@ -138,8 +164,8 @@ struct Tiles {
       for (std::size_t b = 0; b < Bt; b += T) band(b, 0);
       if (Bt < B) band(B - T, T - B % T);
     }
-    if (rest < A && stream) transpose_scalar_plane(src + rest * sA, dst + rest, A - rest, B, sA, dB);
-    if (head > 0) transpose_scalar_plane(src, dst, head, B, sA, dB);
+    if (rest < A && stream) narrow(src + rest * sA, dst + rest, A - rest, B, sA, dB);
+    if (head > 0) narrow(src, dst, head, B, sA, dB);
   }
 };
 

@@ -129,7 +129,7 @@ TEST(PermuteKernels, StreamingStoresAtEveryAlignment) {
   for (Isa isa : supported_isas()) {
     for (std::size_t width : {1, 4, 8}) {
       std::mt19937_64 rng(17 + width);
-      for (std::size_t shift = 0; shift < 64; shift += width) {
+      for (std::size_t shift : {std::size_t{0}, width, 3 * width, 16 + width, 64 - width}) {
         for (std::size_t a : sides) {
           for (std::size_t b : sides) {
             check_isa(isa, width, {a, b}, {2, 1}, rng, 0, shift);

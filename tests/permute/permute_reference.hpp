@@ -68,7 +68,8 @@ class GuardedBuffer {
   }
   bool equals(Bytes const& expected) const {
     return expected.size() == size_ &&
-           (size_ == 0 || std::memcmp(expected.data(), bytes_.data() + kGuard + shift_, size_) == 0);
+           (size_ == 0 ||
+            std::memcmp(expected.data(), bytes_.data() + kGuard + shift_, size_) == 0);
   }
 
  private:
