@@ -1,9 +1,9 @@
 #pragma once
 
 // Cache-blocked loop nest around a register-level micro-kernel. Included by
-// each kernel file, which compiles it for its own instruction set; the kernel
-// types live in anonymous namespaces there, so every instance stays local to
-// its file.
+// each kernel file, which compiles it for its own instruction set. Everything
+// here, like the kernel types, has internal linkage, so no function compiled
+// for one instruction set can be merged with its twin built for another.
 //
 // A kernel type K provides:
 //   using Elem;                       // unsigned integer of the element width
@@ -26,6 +26,7 @@
 #include "permute/kernels.hpp"
 
 namespace qel_permute::detail {
+namespace {
 
 constexpr std::size_t kLineBytes = 64;
 
@@ -194,4 +195,5 @@ void transpose_planes(void const* src, void* dst, TransposeShape const& s) {
   if (s.stream) K::fence();
 }
 
+}  // namespace
 }  // namespace qel_permute::detail

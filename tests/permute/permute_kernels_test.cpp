@@ -105,7 +105,7 @@ TEST(PermuteKernels, EveryInstructionSetMatchesReference) {
 TEST(PermuteKernels, MatrixEdgesAroundTileSizes) {
   // 2-D transposes whose sides straddle every tile and block size, alone and
   // batched over a third dimension on either side.
-  std::size_t const sides[] = {1, 3, 8, 15, 16, 17, 31, 32, 33, 63, 64, 65, 130, 200};
+  std::size_t const sides[] = {1, 3, 8, 15, 17, 31, 33, 64, 65, 130};
   for (Isa isa : supported_isas()) {
     for (std::size_t width : {1, 4, 8}) {
       std::mt19937_64 rng(5 + width);
