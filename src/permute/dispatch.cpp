@@ -34,10 +34,4 @@ TransposeFn transpose_for(Isa isa, std::size_t width) {
   return nullptr;
 }
 
-TransposeFn best_transpose(std::size_t width) {
-  static TransposeFn const table[3] = {transpose_for(best_isa(), 1), transpose_for(best_isa(), 4),
-                                       transpose_for(best_isa(), 8)};
-  return table[width == 1 ? 0 : width == 4 ? 1 : 2];
-}
-
 }  // namespace qel_permute::detail

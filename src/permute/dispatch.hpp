@@ -15,7 +15,4 @@ bool isa_supported(Isa isa);
 // lacks the instruction set.
 TransposeFn transpose_for(Isa isa, std::size_t width);
 
-// The routine of the best instruction set for `width`, chosen once.
-TransposeFn best_transpose(std::size_t width);
-
 }  // namespace qel_permute::detail

@@ -3,6 +3,8 @@
 #include <cstring>
 #include <memory>
 
+#include "permute/dispatch.hpp"
+
 namespace qel_permute::detail {
 namespace {
 
@@ -64,25 +66,39 @@ void transpose_all(Dim* dims, std::size_t rank, std::size_t width, TransposeFn t
 
 }  // namespace
 
-void execute(Plan plan, std::size_t width, TransposeFn transpose, void const* src, void* dst,
+void execute(Plan plan, std::size_t width, Isa isa, void const* src, void* dst,
              std::size_t streamBytes) {
   if (plan.empty) return;
   auto const* in = static_cast<Byte const*>(src);
   auto* out = static_cast<Byte*>(dst);
   if (plan.rank == 0) {
     std::memcpy(out, in, width);
-  } else if (plan.dims[0].srcStride == 1) {
-    copy_runs(plan.dims, plan.rank, width, in, out);
-  } else {
-    std::size_t bytes = width;
-    for (std::size_t i = 0; i < plan.rank; ++i) bytes *= plan.dims[i].extent;
-    transpose_all(plan.dims, plan.rank, width, transpose, bytes >= streamBytes, in, out);
+    return;
   }
+  Dim* dims = plan.dims;
+  std::size_t rank = plan.rank;
+  if (dims[0].srcStride == 1) {
+    std::size_t const run = dims[0].extent * width;
+    if (rank == 1 || (run != 4 && run != 8)) {
+      copy_runs(dims, rank, width, in, out);
+      return;
+    }
+    // Runs of 4 or 8 bytes are too short to copy one by one: they become
+    // the elements of a transpose of the remaining dimensions.
+    std::size_t const e = dims[0].extent;
+    for (std::size_t i = 1; i < rank; ++i) {
+      dims[i - 1] = Dim{dims[i].extent, dims[i].srcStride / e, dims[i].dstStride / e};
+    }
+    --rank;
+    width = run;
+  }
+  std::size_t bytes = width;
+  for (std::size_t i = 0; i < rank; ++i) bytes *= dims[i].extent;
+  transpose_all(dims, rank, width, transpose_for(isa, width), bytes >= streamBytes, in, out);
 }
 
-void permute(TransposeFn transpose, std::size_t width, void const* src, void* dst,
-             std::size_t numDims, std::size_t const* sizes, std::size_t const* permutation,
-             std::size_t streamBytes) {
+void permute(Isa isa, std::size_t width, void const* src, void* dst, std::size_t numDims,
+             std::size_t const* sizes, std::size_t const* permutation, std::size_t streamBytes) {
   constexpr std::size_t kLocalDims = 16;
   Dim local[kLocalDims];
   std::unique_ptr<Dim[]> heap;
@@ -91,7 +107,7 @@ void permute(TransposeFn transpose, std::size_t width, void const* src, void* ds
     heap.reset(new Dim[numDims]);
     storage = heap.get();
   }
-  execute(make_plan(numDims, sizes, permutation, storage), width, transpose, src, dst, streamBytes);
+  execute(make_plan(numDims, sizes, permutation, storage), width, isa, src, dst, streamBytes);
 }
 
 }  // namespace qel_permute::detail

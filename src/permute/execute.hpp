@@ -14,15 +14,15 @@ namespace qel_permute::detail {
 // here up; slightly slower below).
 constexpr std::size_t kStreamBytes = std::size_t{2} << 20;
 
-// Moves the elements of a planned permutation of `width`-byte elements. The
-// plan's dimension list is reordered in place. `transpose` serves every case
-// where the fastest destination dimension is not the fastest source one.
-void execute(Plan plan, std::size_t width, TransposeFn transpose, void const* src, void* dst,
+// Moves the elements of a planned permutation of `width`-byte elements with
+// the kernels of `isa`, which the CPU must support. The plan's dimension list
+// is reordered in place.
+void execute(Plan plan, std::size_t width, Isa isa, void const* src, void* dst,
              std::size_t streamBytes = kStreamBytes);
 
-// Plans and moves a whole permutation with the given transpose routine.
-void permute(TransposeFn transpose, std::size_t width, void const* src, void* dst,
-             std::size_t numDims, std::size_t const* sizes, std::size_t const* permutation,
+// Plans and moves a whole permutation.
+void permute(Isa isa, std::size_t width, void const* src, void* dst, std::size_t numDims,
+             std::size_t const* sizes, std::size_t const* permutation,
              std::size_t streamBytes = kStreamBytes);
 
 }  // namespace qel_permute::detail

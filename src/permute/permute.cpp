@@ -8,7 +8,7 @@ namespace qel_permute {
 template <std::size_t N>
 void Permute(void const* src, void* dst, std::size_t numDims, std::size_t const* sizes,
              std::size_t const* permutation, long const*, long const*) {
-  detail::permute(detail::best_transpose(N), N, src, dst, numDims, sizes, permutation);
+  detail::permute(detail::best_isa(), N, src, dst, numDims, sizes, permutation);
 }
 
 template void Permute<1>(void const*, void*, std::size_t, std::size_t const*, std::size_t const*,

@@ -66,7 +66,7 @@ TEST(PermutePlan, ZeroAndUnitExtents) {
 std::vector<Isa> supported_isas() {
   std::vector<Isa> isas;
   for (Isa isa : {Isa::Scalar, Isa::Sse2, Isa::Avx2, Isa::Avx512}) {
-    if (qel_permute::detail::transpose_for(isa, 4) != nullptr) isas.push_back(isa);
+    if (qel_permute::detail::isa_supported(isa)) isas.push_back(isa);
   }
   return isas;
 }
@@ -80,8 +80,8 @@ void check_isa(Isa isa, std::size_t width, std::vector<std::size_t> const& sizes
   Bytes expected(bytes);
   reference_permute(width, src.data(), expected.data(), sizes, perm);
   GuardedBuffer dst(bytes, shift);
-  qel_permute::detail::permute(qel_permute::detail::transpose_for(isa, width), width, src.data(),
-                               dst.data(), sizes.size(), sizes.data(), perm.data(), streamBytes);
+  qel_permute::detail::permute(isa, width, src.data(), dst.data(), sizes.size(), sizes.data(),
+                               perm.data(), streamBytes);
   SCOPED_TRACE(::testing::Message() << "isa " << static_cast<int>(isa) << ", width " << width
                                     << ", stream " << (streamBytes == 0) << ", shift " << shift);
   EXPECT_TRUE(dst.equals(expected));
@@ -118,6 +118,20 @@ TEST(PermuteKernels, MatrixEdgesAroundTileSizes) {
         }
       }
     }
+  }
+}
+
+TEST(PermuteKernels, ShortRunsMoveAsWideElements) {
+  // Runs of 4 or 8 bytes that stay together are transposed as single wider
+  // elements; other short runs are copied one by one.
+  for (Isa isa : supported_isas()) {
+    std::mt19937_64 rng(23);
+    check_isa(isa, 1, {4, 37, 50}, {1, 3, 2}, rng);
+    check_isa(isa, 1, {8, 50, 37}, {1, 3, 2}, rng, 0);
+    check_isa(isa, 4, {2, 70, 3, 45}, {1, 4, 3, 2}, rng);
+    check_isa(isa, 4, {2, 70, 45}, {1, 3, 2}, rng, 0, 4);
+    check_isa(isa, 1, {2, 2, 30, 40}, {1, 2, 4, 3}, rng);
+    check_isa(isa, 8, {3, 30, 40}, {1, 3, 2}, rng);
   }
 }
 
