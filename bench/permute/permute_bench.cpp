@@ -137,13 +137,15 @@ class SummaryReporter : public benchmark::ConsoleReporter {
   }
 
   void PrintSummary() const {
-    std::printf("\n%-50s %9s %10s %10s\n", "case", "GB/s", "x memcpy", "x naive");
+    std::printf("\n%-50s %9s %11s %10s %10s\n", "case (GB/s = 1e9 bytes/s)", "GB/s", "memcpy GB/s",
+                "x memcpy", "x naive");
     for (auto const& c : cases()) {
       double const t = find(kKindNames[0], c), m = find(kKindNames[1], c),
                    n = find(kKindNames[2], c);
       if (t <= 0) continue;
       double const gbs = static_cast<double>(bytes_of(c)) / t * 1e-9;
-      std::printf("%-50s %9.2f %10.2f %10.1f\n", c.name, gbs, m > 0 ? m / t : 0.0,
+      double const mgbs = m > 0 ? static_cast<double>(bytes_of(c)) / m * 1e-9 : 0.0;
+      std::printf("%-50s %9.2f %11.2f %10.2f %10.1f\n", c.name, gbs, mgbs, m > 0 ? m / t : 0.0,
                   n > 0 ? n / t : 0.0);
     }
   }

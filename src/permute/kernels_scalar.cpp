@@ -19,11 +19,11 @@ struct ScalarKernel {
   static constexpr std::size_t kChunkA = 4 * kBlockA;
   static void transpose(Elem const* s, std::size_t sA, Vec* rows) {
     for (std::size_t i = 0; i < kTile; ++i) {
-      for (std::size_t j = 0; j < kTile; ++j) rows[j].e[i] = s[i * sA + j];
+      for (std::size_t j = 0; j < kTile; ++j) move_element(&rows[j].e[i], s + i * sA + j);
     }
   }
   static void store(Elem* d, Vec const& v) {
-    for (std::size_t i = 0; i < kTile; ++i) d[i] = v.e[i];
+    for (std::size_t i = 0; i < kTile; ++i) move_element(d + i, &v.e[i]);
   }
   static void stream(Elem* d, Vec const& v) { store(d, v); }
   static void fence() {}

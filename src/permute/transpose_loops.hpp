@@ -21,6 +21,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <type_traits>
 
 #include "permute/kernels.hpp"
@@ -30,13 +31,21 @@ namespace {
 
 constexpr std::size_t kLineBytes = 64;
 
+// Elements are opaque bytes and need not be aligned to their width (short
+// runs of bytes move as 4- or 8-byte elements), so single elements move by
+// memcpy, which compiles to one plain move.
+template <class Elem>
+inline void move_element(Elem* d, Elem const* s) {
+  std::memcpy(d, s, sizeof(Elem));
+}
+
 // Element by element, for planes thinner than a micro-tile.
 template <class Elem>
 inline void transpose_scalar_plane(Elem const* src, Elem* dst, std::size_t A, std::size_t B,
                                    std::size_t sA, std::size_t dB) {
   for (std::size_t b = 0; b < B; ++b) {
     Elem* d = dst + b * dB;
-    for (std::size_t a = 0; a < A; ++a) d[a] = src[a * sA + b];
+    for (std::size_t a = 0; a < A; ++a) move_element(d + a, src + a * sA + b);
   }
 }
 
