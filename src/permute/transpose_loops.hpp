@@ -1,0 +1,208 @@
+#pragma once
+
+// Cache-blocked loop nest around a register-level micro-kernel. Included by
+// each kernel file, which compiles it for its own instruction set. Everything
+// here, like the kernel types, has internal linkage, so no function compiled
+// for one instruction set can be merged with its twin built for another.
+//
+// A kernel type K provides:
+//   using Elem;                       // unsigned integer of the element width
+//   using Vec;                        // one destination row of a micro-tile
+//   using Small;                      // kernel for narrower planes, or void
+//   static constexpr size_t kTile;    // the micro-tile is kTile x kTile
+//   static constexpr size_t kBlockA;  // cache block: destination columns ...
+//   static constexpr size_t kBlockB;  // ... and rows, multiples of a line tile
+//   static constexpr size_t kChunkA;  // columns per chunk of a batch of planes
+//   static void transpose(Elem const* s, size_t sA, Vec* rows);
+//     // rows[j] holds s[i * sA + j] for i < kTile
+//   static void store(Elem* d, Vec v);   // plain store of one row
+//   static void stream(Elem* d, Vec v);  // non-temporal store, d 64-byte aligned
+//   static void fence();                 // orders the non-temporal stores
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+
+#include "permute/kernels.hpp"
+
+namespace qel_permute::detail {
+namespace {
+
+constexpr std::size_t kLineBytes = 64;
+
+// Elements are opaque bytes and need not be aligned to their width (short
+// runs of bytes move as 4- or 8-byte elements), so single elements move by
+// memcpy, which compiles to one plain move.
+template <class Elem>
+inline void move_element(Elem* d, Elem const* s) {
+  std::memcpy(d, s, sizeof(Elem));
+}
+
+// Element by element, for planes thinner than a micro-tile.
+template <class Elem>
+inline void transpose_scalar_plane(Elem const* src, Elem* dst, std::size_t A, std::size_t B,
+                                   std::size_t sA, std::size_t dB) {
+  for (std::size_t b = 0; b < B; ++b) {
+    Elem* d = dst + b * dB;
+    for (std::size_t a = 0; a < A; ++a) move_element(d + a, src + a * sA + b);
+  }
+}
+
+template <class K>
+struct Tiles {
+  using Elem = typename K::Elem;
+  using Vec = typename K::Vec;
+  static constexpr std::size_t T = K::kTile;
+  // Micro-tiles side by side that fill whole cache lines of each destination row.
+  static constexpr std::size_t L = kLineBytes / (T * sizeof(Elem)) > 0
+                                       ? kLineBytes / (T * sizeof(Elem))
+                                       : 1;
+  static constexpr std::size_t kLine = L * T;
+
+  // Planes, or bands of columns, narrower than a tile: the next smaller
+  // kernel, or element by element.
+  static void narrow(Elem const* src, Elem* dst, std::size_t A, std::size_t B, std::size_t sA,
+                     std::size_t dB) {
+    if constexpr (std::is_void_v<typename K::Small>) {
+      transpose_scalar_plane(src, dst, A, B, sA, dB);
+    } else {
+      Tiles<typename K::Small>::plane(src, dst, A, B, sA, dB, false);
+    }
+  }
+
+  // One micro-tile; only destination rows [first, T) are stored.
+  static void one(Elem const* s, std::size_t sA, Elem* d, std::size_t dB, std::size_t first) {
+    Vec rows[T];
+    K::transpose(s, sA, rows);
+    for (std::size_t j = first; j < T; ++j) K::store(d + j * dB, rows[j]);
+  }
+
+  // kTile destination rows of kLine elements; each row is written whole,
+  // back to back, so non-temporal stores fill complete lines.
+  template <bool Stream>
+  static void line(Elem const* s, std::size_t sA, Elem* d, std::size_t dB) {
+    Vec rows[L][T];
+    for (std::size_t l = 0; l < L; ++l) K::transpose(s + l * T * sA, sA, rows[l]);
+    for (std::size_t j = 0; j < T; ++j) {
+      for (std::size_t l = 0; l < L; ++l) put<Stream>(d + j * dB + l * T, rows[l][j]);
+    }
+  }
+
+  // The same, storing only rows [first, T).
+  template <bool Stream>
+  static void line_tail(Elem const* s, std::size_t sA, Elem* d, std::size_t dB, std::size_t first) {
+    Vec rows[L][T];
+    for (std::size_t l = 0; l < L; ++l) K::transpose(s + l * T * sA, sA, rows[l]);
+    for (std::size_t j = first; j < T; ++j) {
+      for (std::size_t l = 0; l < L; ++l) put<Stream>(d + j * dB + l * T, rows[l][j]);
+    }
+  }
+
+  template <bool Stream>
+  static void put(Elem* d, Vec v) {
+    if constexpr (Stream) {
+      K::stream(d, v);
+    } else {
+      K::store(d, v);
+    }
+  }
+
+  // Columns [a0, a1) (a multiple of kLine wide) by line tiles in cache
+  // blocks; rows [0, Bt) with Bt a multiple of T, then, when B is not, the
+  // last B % T rows from a tile that ends at row B.
+  template <bool Stream>
+  static void lines(Elem const* src, Elem* dst, std::size_t a0, std::size_t a1, std::size_t B,
+                    std::size_t sA, std::size_t dB) {
+    std::size_t const Bt = B - B % T;
+    for (std::size_t ab = a0; ab < a1; ab += K::kBlockA) {
+      std::size_t const ae = ab + K::kBlockA < a1 ? ab + K::kBlockA : a1;
+      for (std::size_t bb = 0; bb < Bt; bb += K::kBlockB) {
+        std::size_t const be = bb + K::kBlockB < Bt ? bb + K::kBlockB : Bt;
+        for (std::size_t b = bb; b < be; b += T) {
+          for (std::size_t a = ab; a < ae; a += kLine) {
+            line<Stream>(src + a * sA + b, sA, dst + b * dB + a, dB);
+          }
+        }
+      }
+      if (Bt < B) {
+        std::size_t const b = B - T;
+        for (std::size_t a = ab; a < ae; a += kLine) {
+          line_tail<Stream>(src + a * sA + b, sA, dst + b * dB + a, dB, T - B % T);
+        }
+      }
+    }
+  }
+
+  // The whole plane. Line tiles cover the middle columns; with streaming
+  // they start at the first 64-byte boundary of the destination rows, and
+  // every streamed line is written exactly once. The columns after them use
+  // micro-tiles; the last few columns, and with streaming the columns before
+  // the first boundary, go to the narrower kernel.
+  static void plane(Elem const* src, Elem* dst, std::size_t A, std::size_t B, std::size_t sA,
+                    std::size_t dB, bool stream) {
+    if (A < T || B < T) {
+      narrow(src, dst, A, B, sA, dB);
+      return;
+    }
+    std::size_t head = 0;
+    if (stream) {
+      auto const addr = reinterpret_cast<std::uintptr_t>(dst);
+      std::size_t const gap = (kLineBytes - addr % kLineBytes) % kLineBytes;
+      stream = gap % sizeof(Elem) == 0 && (dB * sizeof(Elem)) % kLineBytes == 0 &&
+               gap / sizeof(Elem) + kLine <= A;
+      if (stream) head = gap / sizeof(Elem);
+    }
+    std::size_t const mid = head + (A - head) / kLine * kLine;
+    if (stream) {
+      lines<true>(src, dst, head, mid, B, sA, dB);
+    } else {
+      lines<false>(src, dst, head, mid, B, sA, dB);
+    }
+    // Columns [mid, A): whole micro-tiles, then the rest. Without streaming
+    // the rest is one more tile ending at column A, rewriting a few elements.
+    std::size_t const rest = mid + (A - mid) / T * T;
+    bool const shifted = rest < A && !stream;
+    if (mid < rest || shifted) {
+      auto band = [&](std::size_t b, std::size_t first) {
+        for (std::size_t a = mid; a < rest; a += T) {
+          one(src + a * sA + b, sA, dst + b * dB + a, dB, first);
+        }
+        if (shifted) one(src + (A - T) * sA + b, sA, dst + b * dB + (A - T), dB, first);
+      };
+      std::size_t const Bt = B - B % T;
+      for (std::size_t b = 0; b < Bt; b += T) band(b, 0);
+      if (Bt < B) band(B - T, T - B % T);
+    }
+    if (rest < A && stream) narrow(src + rest * sA, dst + rest, A - rest, B, sA, dB);
+    if (head > 0) narrow(src, dst, head, B, sA, dB);
+  }
+};
+
+// A batch of planes is walked in chunks of destination columns, each chunk
+// through all planes, so the source rows of a chunk are read front to back
+// while they are in the caches. Chunks start at 64-byte boundaries of the
+// first plane's destination.
+template <class K>
+void transpose_planes(void const* src, void* dst, TransposeShape const& s) {
+  using Elem = typename K::Elem;
+  auto const* in = static_cast<Elem const*>(src);
+  auto* out = static_cast<Elem*>(dst);
+  std::size_t const chunk = s.count > 1 ? K::kChunkA : s.A;
+  auto const addr = reinterpret_cast<std::uintptr_t>(dst);
+  std::size_t const gap = (kLineBytes - addr % kLineBytes) % kLineBytes / sizeof(Elem);
+  std::size_t a0 = 0;
+  while (a0 < s.A) {
+    std::size_t a1 = (a0 == 0 ? gap : a0) + chunk;
+    if (a1 + chunk > s.A) a1 = s.A;
+    for (std::size_t c = 0; c < s.count; ++c) {
+      Tiles<K>::plane(in + c * s.sC + a0 * s.sA, out + c * s.dC + a0, a1 - a0, s.B, s.sA, s.dB,
+                      s.stream);
+    }
+    a0 = a1;
+  }
+  if (s.stream) K::fence();
+}
+
+}  // namespace
+}  // namespace qel_permute::detail
