@@ -75,17 +75,6 @@ TYPED_TEST(RangedCopy, RandomExtentPairsCopyOnlyTheCommonCorner) {
   }
 }
 
-TYPED_TEST(RangedCopy, LevelZeroWithEqualExtentsIsAPlainCopy) {
-  using T = TypeParam;
-  for (std::size_t rows : {1u, 4u, 5u, 9u, 1000u}) {
-    std::vector<T> src(rows * 3), dst(rows * 3 + 3, T(0));
-    for (std::size_t i = 0; i < src.size(); ++i) src[i] = static_cast<T>(i % 100 + 1);
-    nerva::ranged_copy<T>(src.data(), &rows, dst.data(), &rows, 0, 3);
-    EXPECT_TRUE(std::equal(src.begin(), src.end(), dst.begin())) << rows << " rows";
-    EXPECT_EQ(dst[rows * 3], T(0));
-  }
-}
-
 // An extent of 0 anywhere copies nothing and never enters TBB at that level.
 TEST(RangedCopyEmpty, ZeroExtentReturnsBeforeAnyWork) {
   std::size_t const ss[3] = {4, 0, 3}, ds[3] = {4, 5, 3};
