@@ -2,9 +2,12 @@
 #include <gtest/gtest.h>
 #include <oneapi/tbb/info.h>
 #include <oneapi/tbb/parallel_for.h>
+#include <oneapi/tbb/task_arena.h>
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <cstring>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -31,47 +34,58 @@ template <typename T>
 class BlasConcurrency : public ::testing::Test {};
 TYPED_TEST_SUITE(BlasConcurrency, gemm_test::ElementTypes);
 
-// Many independent 128 x 128 x 128 products computed by gemm on TBB workers at the same time
-// must equal the same products computed one at a time. At this size the BLAS packs operands into
-// buffers from a shared table; with the table unlocked, two workers get the same buffer and
-// this test fails in most runs (how often depends on how often the workers meet).
-TYPED_TEST(BlasConcurrency, ConcurrentCallsFromTbbWorkersAreExact) {
+// Rounds of one 128 x 128 x 128 product per party, the parties released together by a spin
+// barrier so that their BLAS calls start at the same moment. Each product must equal the same
+// product computed alone. At this size the BLAS packs operands into buffers taken from a shared
+// table; with that table unlocked, two calls get the same buffer and hundreds of rounds go wrong.
+TYPED_TEST(BlasConcurrency, SimultaneousCallsFromTbbWorkersAreExact) {
   using T = TypeParam;
-  long const size = 128, problems = 32, repeats = 300;
+  long const size = 128, rounds = 1000;
+  int const parties = std::max(2, tbb::info::default_concurrency());
   std::vector<Problem<T>> work;
-  std::vector<std::vector<T>> serial;
-  for (long p = 0; p < problems; ++p) {
-    // Equal shapes keep the workers' calls in step, so that they enter the BLAS together.
+  std::vector<std::vector<T>> alone;
+  for (int p = 0; p < parties; ++p) {
     work.emplace_back('N', 'N', size, size, size, 0, static_cast<unsigned>(p + 1));
     Problem<T>& w = work.back();
     nerva::gemm(&w.transa, &w.transb, &w.m, &w.n, &w.k, w.A.data(), &w.lda, w.B.data(), &w.ldb,
                 w.C.data(), &w.ldc, T(0), T(1));
-    serial.push_back(w.C);
+    alone.push_back(w.C);
   }
   ASSERT_TRUE(
-      gemm_test::same_matrix(serial[0], gemm_test::reference(work[0], T(0), T(1)), work[0].ldc));
+      gemm_test::same_matrix(alone[0], gemm_test::reference(work[0], T(0), T(1)), work[0].ldc));
 
-  // Each task repeats its product back to back, so calls from different workers keep meeting.
+  // If TBB ever runs fewer parties at once than asked, waiting stops for good instead of hanging.
+  std::atomic<long> arrived{0};
+  std::atomic<bool> unsynchronized{false};
+  auto wait_for_all = [&](long round) {
+    long const target = (round + 1) * parties;
+    arrived.fetch_add(1);
+    auto const give_up = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
+    for (long spin = 0; arrived.load() < target && !unsynchronized.load(); ++spin)
+      if (spin % 4096 == 0 && std::chrono::steady_clock::now() > give_up)
+        unsynchronized.store(true);
+  };
+
   std::atomic<long> wrong{0};
-  tbb::parallel_for(
-      0L, problems,
-      [&](long p) {
-        Problem<T>& w = work[p];
-        for (long r = 0; r < repeats; ++r) {
-          std::fill(w.C.begin(), w.C.end(), T(-1));
-          nerva::gemm(&w.transa, &w.transb, &w.m, &w.n, &w.k, w.A.data(), &w.lda, w.B.data(),
-                      &w.ldb, w.C.data(), &w.ldc, T(0), T(1));
-          // The fill overwrote the padding rows too; compare the m x n part only.
-          for (long j = 0; j < w.n; ++j)
-            for (long i = 0; i < w.m; ++i)
-              if (w.C[i + j * w.ldc] != serial[p][i + j * w.ldc]) {
-                ++wrong;
-                return;
-              }
-        }
-      },
-      tbb::simple_partitioner());
-  EXPECT_EQ(wrong.load(), 0) << "tasks of " << problems << " saw a wrong product";
+  tbb::task_arena arena(parties);
+  arena.execute([&] {
+    tbb::parallel_for(
+        0, parties,
+        [&](int p) {
+          Problem<T>& w = work[p];
+          std::size_t const bytes = w.C.size() * sizeof(T);
+          for (long r = 0; r < rounds; ++r) {
+            std::memset(w.C.data(), 0xff, bytes);  // NaN: a product left unwritten shows too
+            wait_for_all(r);
+            nerva::gemm(&w.transa, &w.transb, &w.m, &w.n, &w.k, w.A.data(), &w.lda, w.B.data(),
+                        &w.ldb, w.C.data(), &w.ldc, T(0), T(1));
+            if (std::memcmp(w.C.data(), alone[p].data(), bytes) != 0) ++wrong;
+          }
+        },
+        tbb::simple_partitioner());
+  });
+  EXPECT_EQ(wrong.load(), 0) << "wrong products in " << rounds * parties;
+  EXPECT_FALSE(unsynchronized.load()) << "TBB did not run the parties at the same time";
 }
 
 // The BLAS starts no threads of its own: the process never holds more threads than the calling
