@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "gemm/blas.hpp"
@@ -37,7 +38,7 @@ std::vector<Shape> const kShapes = {{512, 512, 512, "512"},
                                     {1024, 1024, 1024, "1024"},
                                     {2048, 2048, 2048, "2048"},
                                     {4096, 4096, 4096, "4096"},
-                                    {3136, 64, 576, "layer 3136x64x576"}};
+                                    {3136, 64, 576, "layer_3136x64x576"}};
 
 template <typename T>
 char const* type_name();
@@ -190,6 +191,24 @@ void summarize(Shape const& s, int cores) {
               blas > 0 ? tbb / blas : 0.0);
 }
 
+// The machine may be shared: how many cores this process can use right now, from the time of a
+// fixed amount of arithmetic on one thread and on `cores` threads at once.
+double usable_cores(int cores) {
+  auto spin = [] {
+    volatile double x = 1;
+    for (long i = 0; i < 100000000; ++i) x = x * 1.0000001 + 1e-9;
+  };
+  auto const t0 = std::chrono::steady_clock::now();
+  spin();
+  auto const t1 = std::chrono::steady_clock::now();
+  std::vector<std::thread> threads;
+  for (int c = 0; c < cores; ++c) threads.emplace_back(spin);
+  for (auto& t : threads) t.join();
+  auto const t2 = std::chrono::steady_clock::now();
+  return cores * std::chrono::duration<double>(t1 - t0).count() /
+         std::chrono::duration<double>(t2 - t1).count();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -206,14 +225,17 @@ int main(int argc, char** argv) {
   for (Shape const& s : kShapes) register_shape<float>(s);
   for (Shape const& s : kShapes) register_shape<double>(s);
 
+  int const cores = tbb::info::default_concurrency();
+  double const usable_before = usable_cores(cores);
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
 
-  int const cores = tbb::info::default_concurrency();
+  std::printf("\nCores usable by this process: %.2f of %d before the run, %.2f after\n",
+              usable_before, cores, usable_cores(cores));
   std::printf(
-      "\nGFLOPS (best of 3); ceiling = one-thread block calls x %d cores; effic. = tbb_gemm / "
+      "GFLOPS (best of 3); ceiling = one-thread block calls x %d cores; effic. = tbb_gemm / "
       "ceiling; OpenBLAS = one threaded call; ratio = tbb_gemm / OpenBLAS\n",
       cores);
   std::printf("%-7s %-18s %9s %9s %9s %7s %9s %7s\n", "type", "shape", "tbb_gemm", "1-thread",
