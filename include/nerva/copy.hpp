@@ -1,0 +1,71 @@
+#pragma once
+
+// Copy kernels over N-D arrays: a strided gather of a regular sub-grid into a
+// dense block leased from the pool, and the copy of the common corner of two
+// arrays of different extents. Both run on the TBB workers of the caller and
+// block until done.
+
+#include <cstddef>
+#include <memory>
+
+#include "nerva/detail/export.hpp"
+#include "nerva/memory.hpp"
+
+namespace nerva {
+
+// Offset table of a strided selection. In each of the `numDims` leading
+// dimensions (dimension 0 fastest) indices firsts[i], firsts[i] +
+// increments[i], ... below lasts[i] are selected. The block, allocated with
+// `alloc`, holds the element offset of every selected element within one
+// plane of the source (dimension 0 least significant), then the `numDims`
+// source strides, then the `numDims` per-dimension counts. An empty dimension
+// leaves the table without offsets. With numDims = 0 the single offset is 0,
+// followed by the stride word 1.
+NERVA_API std::unique_ptr<CNNMemoryBlock> strided_copy_mapping(
+    std::size_t const* sizes, std::size_t const* firsts, std::size_t const* lasts,
+    std::size_t const* increments, std::size_t numDims, AllocatorFunctions alloc);
+
+// Gathers the selection described above out of `src` (extents `sizes`, with
+// numDims + 2 entries; the two trailing dimensions are taken whole) into a
+// dense block leased with lease_or_error. With channelDim != 0 the trailing
+// dimensions are outermost and each plane is gathered element by element;
+// with channelDim == 0 they are innermost and each selected element is a
+// contiguous run. `mapping` is the offset table of the same selection or null
+// to build a temporary one with the pool's allocator.
+// Instantiated for double, float and unsigned char.
+template <class T>
+NERVA_API std::unique_ptr<CNNMemoryBlock> strided_copy(
+    SharedMemoryPool& pool, T const* src, std::size_t const* sizes, std::size_t const* firsts,
+    std::size_t const* lasts, std::size_t const* increments, std::size_t numDims,
+    std::size_t channelDim, std::size_t const* mapping);
+
+extern template NERVA_API std::unique_ptr<CNNMemoryBlock> strided_copy<double>(
+    SharedMemoryPool&, double const*, std::size_t const*, std::size_t const*, std::size_t const*,
+    std::size_t const*, std::size_t, std::size_t, std::size_t const*);
+extern template NERVA_API std::unique_ptr<CNNMemoryBlock> strided_copy<float>(
+    SharedMemoryPool&, float const*, std::size_t const*, std::size_t const*, std::size_t const*,
+    std::size_t const*, std::size_t, std::size_t, std::size_t const*);
+extern template NERVA_API std::unique_ptr<CNNMemoryBlock> strided_copy<unsigned char>(
+    SharedMemoryPool&, unsigned char const*, std::size_t const*, std::size_t const*,
+    std::size_t const*, std::size_t const*, std::size_t, std::size_t, std::size_t const*);
+
+// Copies the first min(srcSizes[i], dstSizes[i]) indices of every dimension
+// 0..level from `src` to `dst`; the rest of `dst` is left untouched. The
+// innermost unit is a group of `groupLength` contiguous elements, the same in
+// both arrays. Source and destination must not overlap.
+// Instantiated for double, float, unsigned char and long.
+template <class T>
+NERVA_API void ranged_copy(T const* src, std::size_t const* srcSizes, T* dst,
+                           std::size_t const* dstSizes, std::size_t level, long groupLength);
+
+extern template NERVA_API void ranged_copy<double>(double const*, std::size_t const*, double*,
+                                                   std::size_t const*, std::size_t, long);
+extern template NERVA_API void ranged_copy<float>(float const*, std::size_t const*, float*,
+                                                  std::size_t const*, std::size_t, long);
+extern template NERVA_API void ranged_copy<unsigned char>(unsigned char const*, std::size_t const*,
+                                                          unsigned char*, std::size_t const*,
+                                                          std::size_t, long);
+extern template NERVA_API void ranged_copy<long>(long const*, std::size_t const*, long*,
+                                                 std::size_t const*, std::size_t, long);
+
+}  // namespace nerva
