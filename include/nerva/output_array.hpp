@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <memory>
 
+#include "nerva/convolution.hpp"
 #include "nerva/detail/export.hpp"
 #include "nerva/formatted_array.hpp"
 #include "nerva/input_array.hpp"
@@ -82,6 +83,26 @@ class NERVA_API FormattedOutputArray : public FormattedArray {
   // given positions, alternating between the two data blocks.
   void Reformat(size_t channel_position, size_t observation_position);
   void Reformat(PreferredFormat format);
+
+  // Convolution geometry of data dimension `dim`: the data range and the
+  // output increment from this array, window and input pairs from the caller.
+  std::unique_ptr<ConvolutionDimensionDescriptor> ConvolutionDescriptor(size_t dim,
+                                                                        size_t windowExtent,
+                                                                        long windowIncrement,
+                                                                        size_t inputExtent,
+                                                                        long inputIncrement) const;
+  // As above with this array's stride; `last` becomes one past the last
+  // sampled position. Only for strided arrays.
+  std::unique_ptr<StridedConvolutionDimensionDescriptor> StridedConvolutionDescriptor(
+      size_t dim, size_t windowExtent, long windowIncrement, size_t inputExtent,
+      long inputIncrement) const;
+  // All data dimensions at once. Null window increments give zero increments.
+  std::unique_ptr<ConvolutionNDDescriptor> ConvolutionDescriptorND(
+      size_t const* windowExtents, long const* windowIncrements, size_t const* inputExtents,
+      long const* inputIncrements) const;
+  std::unique_ptr<StridedConvolutionNDDescriptor> StridedConvolutionDescriptorND(
+      size_t const* windowExtents, long const* windowIncrements, size_t const* inputExtents,
+      long const* inputIncrements) const;
 
  protected:
   SharedMemoryPool* pool;
