@@ -45,8 +45,8 @@ case "$cmd" in
   example)
     ensure_packages
     configure build -DCMAKE_BUILD_TYPE=Release
-    build build --target pool_demo
-    ./build/examples/pool_demo "${@:2}"
+    build build --target conv_layer
+    ./build/examples/conv_layer "${@:2}"
     ;;
   test)
     ensure_packages
