@@ -2,7 +2,7 @@
 # nerva's one entry point. Usage:
 #   ./run.sh example          build (Release) and run the example program
 #   ./run.sh test             build and run every test, then again under ASan+UBSan
-#   ./run.sh bench            build and run the benchmarks
+#   ./run.sh bench            build and run the benchmarks, write build/bench/report.{md,png}
 #   ./run.sh install PREFIX   build (Release) and install the package into PREFIX
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -45,8 +45,8 @@ case "$cmd" in
   example)
     ensure_packages
     configure build -DCMAKE_BUILD_TYPE=Release
-    build build --target pool_demo
-    ./build/examples/pool_demo "${@:2}"
+    build build --target conv_layer
+    ./build/examples/conv_layer "${@:2}"
     ;;
   test)
     ensure_packages
@@ -60,7 +60,7 @@ case "$cmd" in
     ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 run_tests build-asan
     ;;
   bench)
-    ensure_packages
+    ensure_packages gnuplot-nox python3
     configure build -DCMAKE_BUILD_TYPE=Release
     build build
     mkdir -p build/bench
@@ -69,6 +69,10 @@ case "$cmd" in
       echo "== $b"
       "$b" --benchmark_out="$b.json" --benchmark_out_format=json "${@:2}"
     done
+    python3 bench/report/report.py build/bench
+    gnuplot -e "dir='build/bench'" bench/report/report.gp
+    echo "== build/bench/report.md (plot: build/bench/report.png)"
+    cat build/bench/report.md
     ;;
   install)
     prefix=${2:?usage: ./run.sh install PREFIX}

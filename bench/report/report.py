@@ -1,0 +1,174 @@
+#!/usr/bin/env python3
+"""Benchmark report: reads the JSON files of the bench_* programs and writes
+
+  report.md   one table: each case, its ratio to the baseline measured in the
+              same run, and the target;
+  sweep.dat, gemm.dat
+              the series that report.gp draws into report.png.
+
+usage: report.py BENCH_DIR   (the folder holding bench_*.json; outputs go there too)
+"""
+import datetime
+import json
+import os
+import sys
+
+
+def canonical(name):
+    """The run name without Google Benchmark's option parts (min_time:, repeats:,
+    real_time, threads: stays because it tells cases apart)."""
+    parts = [p for p in name.split("/") if p != "real_time" and
+             not p.startswith(("min_time:", "repeats:", "iterations:"))]
+    return "/".join(parts)
+
+
+class Results:
+    def __init__(self, folder):
+        self.runs = {}  # canonical name -> list of iteration runs
+        self.context = {}
+        for program in ("memory", "copy", "permute", "gemm", "sweep"):
+            path = os.path.join(folder, "bench_%s.json" % program)
+            if not os.path.exists(path):
+                continue
+            with open(path) as f:
+                data = json.load(f)
+            self.context = data.get("context", self.context)
+            for b in data["benchmarks"]:
+                if b.get("run_type", "iteration") != "iteration" or b.get("error_occurred"):
+                    continue
+                self.runs.setdefault(canonical(b.get("run_name", b["name"])), []).append(b)
+
+    def best_time(self, name):
+        """Fastest repetition, in seconds per iteration: on a shared machine the
+        slower ones measure the neighbours."""
+        runs = self.runs.get(name)
+        if not runs:
+            return None
+        scale = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1.0}
+        return min(r["real_time"] * scale[r["time_unit"]] for r in runs)
+
+    def best_counter(self, name, counter):
+        runs = self.runs.get(name)
+        if not runs:
+            return None
+        return max(r[counter] for r in runs if counter in r)
+
+
+def ratio_cases(res):
+    """(family, case, value, baseline, ratio, target, met) rows."""
+    rows = []
+
+    def add(family, case, value, baseline, ratio, op, bound):
+        if ratio is None:
+            return
+        met = ratio >= bound if op == ">=" else ratio <= bound
+        rows.append((family, case, value, baseline, ratio, "%s %g" % (op, bound), met))
+
+    def times(kernel, base):
+        k, b = res.best_time(kernel), res.best_time(base)
+        return (k, b) if k and b else (None, None)
+
+    def ms(t):
+        return "%.3f ms" % (t * 1e3)
+
+    # Pool: a round trip of a recurring size against a fresh allocation written once.
+    for size, label in ((1 << 20, "1 MiB"), (64 << 20, "64 MiB")):
+        for threads in (1, 2):
+            k, b = times("BM_PoolRoundTrip/%d/threads:%d" % (size, threads),
+                         "BM_FreshAllocation/%d/threads:%d" % (size, threads))
+            if k:
+                add("memory", "lease+checkin %s, %d thread%s" % (label, threads, "s" * (threads > 1)),
+                    "%.0f ns" % (k * 1e9), "malloc+write+free %s" % ms(b), b / k, ">=", 10.0)
+
+    # Copy kernels against one-thread memcpy / memset of the same bytes.
+    for t in ("uchar", "float", "double"):
+        k, b = times("copy_64MiB/simple_copy_" + t, "copy_64MiB/memcpy_1thread")
+        if k:
+            add("copy", "simple copy 64 MiB %s" % t, ms(k), "memcpy %s" % ms(b), b / k, ">=", 1.0)
+    for t in ("uchar", "float", "double", "long"):
+        k, b = times("fill_64MiB/simple_fill_" + t, "fill_64MiB/memset_1thread")
+        if k:
+            add("copy", "simple fill 64 MiB %s" % t, ms(k), "memset %s" % ms(b), b / k, ">=", 1.0)
+    for layout, arg in (("planes_outer", 2), ("planes_inner", 0)):
+        base = "strided_224x224x64x8/"
+        k, b = times("%sstrided_copy_%s/%d" % (base, layout, arg), "%snaive_%s/%d" % (base, layout, arg))
+        if k:
+            add("copy", "strided copy 224x224x64x8 (%s)" % layout, ms(k), "naive loop %s" % ms(b),
+                b / k, ">=", 3.0)
+    k, b = times("ranged_56to58_64x32/ranged_copy", "ranged_56to58_64x32/memcpy_1thread")
+    if k:
+        add("copy", "ranged copy 56->58, groups 64x32", ms(k), "memcpy of moved bytes %s" % ms(b),
+            b / k, ">=", 0.7)
+
+    # Permute<N> against memcpy of the same bytes.
+    for name in sorted(n for n in res.runs if n.startswith("permute/")):
+        case = name[len("permute/"):]
+        k, b = times(name, "memcpy/" + case)
+        if k:
+            add("permute", case, ms(k), "memcpy %s" % ms(b), b / k, ">=", 0.8)
+
+    # tbb_gemm against the threaded OpenBLAS on the whole product.
+    for t in ("float", "double"):
+        for shape in ("512", "1024", "2048", "4096", "layer_3136x64x576"):
+            k = res.best_counter("tbb_gemm<%s>/%s" % (t, shape), "GFLOPS")
+            b = res.best_counter("openblas_threaded<%s>/%s" % (t, shape), "GFLOPS")
+            if k and b:
+                add("gemm", "tbb_gemm %s %s" % (t, shape), "%.1f GFLOP/s" % k,
+                    "OpenBLAS threaded %.1f GFLOP/s" % b, k / b, ">=", 0.8)
+    return rows
+
+
+def write_markdown(res, rows, path):
+    ctx = res.context
+    with open(path, "w") as f:
+        f.write("Benchmark report, %s; %s CPUs at %s MHz%s. Each ratio is baseline time / case "
+                "time (higher is better), both measured in the same run, best repetition (GEMM: best "
+                "repetition's mean rate). Targets: copy kernels as their benchmark states them; "
+                "layout moves at least 0.8 of one-thread memcpy of the same bytes; tbb_gemm at least "
+                "0.8 of one call of the threaded OpenBLAS; a pool round trip 10x cheaper than a fresh "
+                "allocation that is written.\n\n"
+                % (datetime.date.today().isoformat(), ctx.get("num_cpus", "?"),
+                   ctx.get("mhz_per_cpu", "?"),
+                   ", load %.1f" % ctx["load_avg"][0] if ctx.get("load_avg") else ""))
+        f.write("| family | case | time or rate | baseline | ratio | target | met |\n")
+        f.write("|---|---|---|---|---:|---|---|\n")
+        for family, case, value, base, ratio, target, met in rows:
+            shown = "%.2f" % ratio if ratio < 100 else "%.3g" % ratio
+            f.write("| %s | %s | %s | %s | %s | %s | %s |\n"
+                    % (family, case, value, base, shown, target, "yes" if met else "**no**"))
+        met = sum(1 for r in rows if r[6])
+        f.write("\n%d of %d cases meet their target.\n" % (met, len(rows)))
+
+
+def write_series(res, folder):
+    kinds = ("memcpy_1thread", "simple_copy", "permute_korval_to_chained",
+             "permute_chained_to_korval")
+    with open(os.path.join(folder, "sweep.dat"), "w") as f:
+        f.write("# MiB " + " ".join("GB/s_" + k for k in kinds) + "\n")
+        for w in (4, 8, 16, 32, 64, 128):
+            rates = []
+            for i, k in enumerate(kinds):
+                r = res.best_counter("sweep/%s/%d/%d" % (k, i, w), "bytes_per_second")
+                rates.append("%.3f" % (r * 1e-9) if r else "NaN")
+            f.write("%.4f %s\n" % (w * w * 64 * 16 * 4 / 2.0 ** 20, " ".join(rates)))
+    with open(os.path.join(folder, "gemm.dat"), "w") as f:
+        f.write("# n tbb_float openblas_float tbb_double openblas_double\n")
+        for n in (512, 1024, 2048, 4096):
+            vals = []
+            for t in ("float", "double"):
+                for what in ("tbb_gemm", "openblas_threaded"):
+                    v = res.best_counter("%s<%s>/%d" % (what, t, n), "GFLOPS")
+                    vals.append("%.2f" % v if v else "NaN")
+            f.write("%d %s\n" % (n, " ".join(vals)))
+
+
+def main():
+    folder = sys.argv[1] if len(sys.argv) > 1 else "build/bench"
+    res = Results(folder)
+    rows = ratio_cases(res)
+    write_markdown(res, rows, os.path.join(folder, "report.md"))
+    write_series(res, folder)
+
+
+if __name__ == "__main__":
+    main()
