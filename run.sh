@@ -2,6 +2,7 @@
 # nerva's one entry point. Usage:
 #   ./run.sh example          build (Release) and run the example program
 #   ./run.sh test             build and run every test, then again under ASan+UBSan
+#   ./run.sh tsan             build and run every test under ThreadSanitizer
 #   ./run.sh bench            build and run the benchmarks
 #   ./run.sh install PREFIX   build (Release) and install the package into PREFIX
 set -euo pipefail
@@ -59,6 +60,13 @@ case "$cmd" in
     build build-asan
     ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 run_tests build-asan
     ;;
+  tsan)
+    ensure_packages
+    configure build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNERVA_SANITIZE=thread \
+      -DNERVA_BUILD_BENCHMARKS=OFF -DNERVA_BUILD_EXAMPLES=OFF
+    build build-tsan
+    TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" run_tests build-tsan
+    ;;
   bench)
     ensure_packages
     configure build -DCMAKE_BUILD_TYPE=Release
@@ -78,7 +86,7 @@ case "$cmd" in
     cmake --install build --prefix "$prefix"
     ;;
   *)
-    sed -n '2,6p' "$0"
+    sed -n '2,7p' "$0"
     exit 2
     ;;
 esac
