@@ -3,6 +3,7 @@
 #   ./run.sh example          build (Release) and run the example program
 #   ./run.sh test             build and run every test, then again under ASan+UBSan
 #   ./run.sh tsan             build and run every test under ThreadSanitizer
+#   ./run.sh fuzz [SECONDS]   build the libFuzzer targets (clang) and run each SECONDS (30)
 #   ./run.sh bench            build and run the benchmarks
 #   ./run.sh install PREFIX   build (Release) and install the package into PREFIX
 set -euo pipefail
@@ -67,6 +68,28 @@ case "$cmd" in
     build build-tsan
     TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" run_tests build-tsan
     ;;
+  fuzz)
+    seconds=${2:-30}
+    ensure_packages clang libclang-rt-14-dev
+    CC=clang CXX=clang++ configure build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+      -DNERVA_SANITIZE=address,undefined -DNERVA_BUILD_FUZZERS=ON -DNERVA_BUILD_TESTS=OFF \
+      -DNERVA_BUILD_BENCHMARKS=OFF -DNERVA_BUILD_EXAMPLES=OFF
+    build build-fuzz
+    for f in build-fuzz/fuzz/fuzz_*; do
+      [ -x "$f" ] || continue
+      name=${f##*/fuzz_}
+      # New inputs go to the build tree; the seeds in fuzz/corpus stay as they are.
+      mkdir -p "build-fuzz/corpus/$name"
+      echo "== fuzz_$name for ${seconds}s"
+      "$f" -max_total_time="$seconds" -print_final_stats=1 "build-fuzz/corpus/$name" \
+        "fuzz/corpus/$name" >"build-fuzz/fuzz_$name.log" 2>&1 || {
+        tail -n 60 "build-fuzz/fuzz_$name.log"
+        exit 1
+      }
+      runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "build-fuzz/fuzz_$name.log")
+      echo "fuzz_$name: $runs executions in ${seconds}s, no failure"
+    done
+    ;;
   bench)
     ensure_packages
     configure build -DCMAKE_BUILD_TYPE=Release
@@ -86,7 +109,7 @@ case "$cmd" in
     cmake --install build --prefix "$prefix"
     ;;
   *)
-    sed -n '2,7p' "$0"
+    sed -n '2,8p' "$0"
     exit 2
     ;;
 esac
