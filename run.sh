@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # nerva's one entry point. Usage:
 #   ./run.sh example          build (Release) and run the example program
-#   ./run.sh test             build and run every test, then again under ASan+UBSan
+#   ./run.sh test             build and run every test, then under ASan+UBSan, then checked
 #   ./run.sh tsan             build and run every test under ThreadSanitizer
 #   ./run.sh fuzz [SECONDS]   build the libFuzzer targets (clang) and run each SECONDS (30)
 #   ./run.sh bench            build and run the benchmarks
@@ -60,6 +60,11 @@ case "$cmd" in
       -DNERVA_BUILD_BENCHMARKS=OFF -DNERVA_BUILD_EXAMPLES=OFF
     build build-asan
     ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 run_tests build-asan
+    echo "== Tests again in the checked build (caller errors throw std::invalid_argument)"
+    configure build-checked -DCMAKE_BUILD_TYPE=Release -DNERVA_CHECKED=ON \
+      -DNERVA_BUILD_BENCHMARKS=OFF -DNERVA_BUILD_EXAMPLES=OFF
+    build build-checked
+    run_tests build-checked
     ;;
   tsan)
     ensure_packages
