@@ -16,12 +16,9 @@ StridedConvolutionDimensionDescriptor::StridedConvolutionDimensionDescriptor(
     std::size_t stride_)
     : ConvolutionDimensionDescriptor(first_, last_, windowExtent_, inputExtent_), stride(stride_) {}
 
-ConvolutionNDDescriptor::ConvolutionNDDescriptor(std::size_t const* firsts_,
-                                                 std::size_t const* lasts_,
-                                                 std::size_t const* windowExtents_,
-                                                 std::size_t windowCount,
-                                                 std::size_t const* inputExtents_,
-                                                 std::size_t inputCount)
+ConvolutionNDDescriptor::ConvolutionNDDescriptor(
+    std::size_t const* firsts_, std::size_t const* lasts_, std::size_t const* windowExtents_,
+    std::size_t windowCount, std::size_t const* inputExtents_, std::size_t inputCount)
     : dimensionCount(std::max(windowCount, inputCount)),
       windowDimensionCount(windowCount),
       inputDimensionCount(inputCount) {

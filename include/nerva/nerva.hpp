@@ -1,0 +1,10 @@
+#pragma once
+
+// Everything nerva exports.
+#include "nerva/convolution.hpp"
+#include "nerva/copy.hpp"
+#include "nerva/formatted_array.hpp"
+#include "nerva/gemm.hpp"
+#include "nerva/input_array.hpp"
+#include "nerva/memory.hpp"
+#include "nerva/output_array.hpp"
