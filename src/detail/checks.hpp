@@ -4,8 +4,8 @@
 // trusts its callers; in the checked build it verifies what a wrong argument
 // would turn into an out-of-bounds access, a division by zero or a garbage
 // result, and throws std::invalid_argument naming the function and the value.
-// In the default build NERVA_CHECK expands to nothing: its arguments are not
-// even evaluated.
+// In the default build the checks are constant-false branches that the
+// compiler removes.
 
 #include <cstddef>
 #include <sstream>
@@ -40,13 +40,14 @@ inline void check_permutation(char const* function, std::size_t const* perm, std
 
 #ifdef NERVA_CHECKED
 #define NERVA_CHECKED_BUILD 1
-#define NERVA_CHECK(condition, ...)                                   \
-  do {                                                                \
-    if (!(condition)) ::nerva::detail::invalid_argument(__VA_ARGS__); \
-  } while (0)
 #else
 #define NERVA_CHECKED_BUILD 0
-#define NERVA_CHECK(condition, ...) \
-  do {                              \
-  } while (0)
 #endif
+
+// Throws std::invalid_argument(message parts...) unless `condition` holds. In
+// the default build the condition and the message are compiled (so they stay
+// valid) but never evaluated, and the whole statement folds away.
+#define NERVA_CHECK(condition, ...)                                                          \
+  do {                                                                                       \
+    if (NERVA_CHECKED_BUILD && !(condition)) ::nerva::detail::invalid_argument(__VA_ARGS__); \
+  } while (0)

@@ -5,21 +5,12 @@
 #include <string>
 #include <vector>
 
+#include "expect_invalid.hpp"
 #include "nerva/copy.hpp"
 #include "qel_permute/permute.hpp"
 #include "support/counting_allocator.hpp"
 
 namespace {
-
-template <class F>
-void expect_invalid(F&& f, std::string const& message) {
-  try {
-    f();
-    ADD_FAILURE() << "no exception; expected: " << message;
-  } catch (std::invalid_argument const& e) {
-    EXPECT_EQ(std::string(e.what()), message);
-  }
-}
 
 TEST(CheckedKernels, StridedCopyMappingRejectsAZeroIncrementOverANonEmptyRange) {
   counting::LeakCheck check;

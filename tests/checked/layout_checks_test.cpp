@@ -5,23 +5,13 @@
 #include <string>
 #include <vector>
 
+#include "expect_invalid.hpp"
 #include "nerva/formatted_array.hpp"
 #include "support/counting_allocator.hpp"
 
 namespace {
 
 using nerva::FormattedArray;
-
-// Runs f, which must throw std::invalid_argument with exactly `message`.
-template <class F>
-void expect_invalid(F&& f, std::string const& message) {
-  try {
-    f();
-    ADD_FAILURE() << "no exception; expected: " << message;
-  } catch (std::invalid_argument const& e) {
-    EXPECT_EQ(std::string(e.what()), message);
-  }
-}
 
 TEST(CheckedLayout, IndexedAccessorsRejectIndicesPastTheirTables) {
   counting::LeakCheck check;
