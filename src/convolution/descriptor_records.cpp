@@ -4,6 +4,15 @@
 #include "nerva/convolution.hpp"
 
 namespace nerva {
+namespace {
+
+template <typename T>
+void Release(T*& array) {
+  delete[] array;
+  array = nullptr;
+}
+
+}  // namespace
 
 ConvolutionDimensionDescriptor::ConvolutionDimensionDescriptor(std::size_t first_,
                                                                std::size_t last_,
@@ -27,6 +36,7 @@ ConvolutionNDDescriptor::ConvolutionNDDescriptor(
   std::unique_ptr<std::size_t[]> f(new std::size_t[n]), l(new std::size_t[n]),
       we(new std::size_t[n]), ie(new std::size_t[n]);
   std::unique_ptr<long[]> oi(new long[n]), wi(new long[n]), ii(new long[n]);
+  std::unique_ptr<std::size_t[]> extents(new std::size_t[n]);
   firsts = f.release();
   lasts = l.release();
   windowExtents = we.release();
@@ -41,15 +51,8 @@ ConvolutionNDDescriptor::ConvolutionNDDescriptor(
   std::fill(windowExtents + windowCount, windowExtents + n, std::size_t{1});
   std::copy(inputExtents_, inputExtents_ + inputCount, inputExtents);
   std::fill(inputExtents + inputCount, inputExtents + n, std::size_t{1});
-
-  if (n == 0) return;
-  outputIncrements[0] = windowIncrements[0] = inputIncrements[0] = 1;
-  for (std::size_t k = 1; k < n; ++k) {
-    const std::size_t extent = firsts[k - 1] < lasts[k - 1] ? lasts[k - 1] - firsts[k - 1] : 0;
-    outputIncrements[k] = outputIncrements[k - 1] * static_cast<long>(extent);
-    windowIncrements[k] = windowIncrements[k - 1] * static_cast<long>(windowExtents[k - 1]);
-    inputIncrements[k] = inputIncrements[k - 1] * static_cast<long>(inputExtents[k - 1]);
-  }
+  for (std::size_t k = 0; k < n; ++k) extents[k] = firsts[k] < lasts[k] ? lasts[k] - firsts[k] : 0;
+  SetDenseIncrements(extents.get());
 }
 
 void ConvolutionNDDescriptor::SetDenseIncrements(std::size_t const* outputExtents) {
@@ -63,25 +66,15 @@ void ConvolutionNDDescriptor::SetDenseIncrements(std::size_t const* outputExtent
 }
 
 ConvolutionNDDescriptor::~ConvolutionNDDescriptor() {
-  delete[] firsts;
-  firsts = nullptr;
-  delete[] lasts;
-  lasts = nullptr;
-  delete[] outputIncrements;
-  outputIncrements = nullptr;
-  delete[] windowExtents;
-  windowExtents = nullptr;
-  delete[] windowIncrements;
-  windowIncrements = nullptr;
-  delete[] inputExtents;
-  inputExtents = nullptr;
-  delete[] inputIncrements;
-  inputIncrements = nullptr;
+  Release(firsts);
+  Release(lasts);
+  Release(outputIncrements);
+  Release(windowExtents);
+  Release(windowIncrements);
+  Release(inputExtents);
+  Release(inputIncrements);
 }
 
-StridedConvolutionNDDescriptor::~StridedConvolutionNDDescriptor() {
-  delete[] strides;
-  strides = nullptr;
-}
+StridedConvolutionNDDescriptor::~StridedConvolutionNDDescriptor() { Release(strides); }
 
 }  // namespace nerva
