@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # nerva's one entry point. Usage:
 #   ./run.sh example          build (Release) and run the example program
-#   ./run.sh test             build and run every test, then again under ASan+UBSan
+#   ./run.sh test             build and run every test, then under ASan+UBSan, then checked
+#   ./run.sh tsan             build and run every test under ThreadSanitizer
+#   ./run.sh fuzz [SECONDS]   build the libFuzzer targets (clang) and run each SECONDS (30)
 #   ./run.sh bench            build and run the benchmarks, write build/bench/report.{md,png}
 #   ./run.sh install PREFIX   build (Release) and install the package into PREFIX
 set -euo pipefail
@@ -58,6 +60,40 @@ case "$cmd" in
       -DNERVA_BUILD_BENCHMARKS=OFF -DNERVA_BUILD_EXAMPLES=OFF
     build build-asan
     ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 run_tests build-asan
+    echo "== Tests again in the checked build (caller errors throw std::invalid_argument)"
+    configure build-checked -DCMAKE_BUILD_TYPE=Release -DNERVA_CHECKED=ON \
+      -DNERVA_BUILD_BENCHMARKS=OFF -DNERVA_BUILD_EXAMPLES=OFF
+    build build-checked
+    run_tests build-checked
+    ;;
+  tsan)
+    ensure_packages
+    configure build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNERVA_SANITIZE=thread \
+      -DNERVA_BUILD_BENCHMARKS=OFF -DNERVA_BUILD_EXAMPLES=OFF
+    build build-tsan
+    TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" run_tests build-tsan
+    ;;
+  fuzz)
+    seconds=${2:-30}
+    ensure_packages clang libclang-rt-14-dev
+    CC=clang CXX=clang++ configure build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+      -DNERVA_SANITIZE=address,undefined -DNERVA_BUILD_FUZZERS=ON -DNERVA_BUILD_TESTS=OFF \
+      -DNERVA_BUILD_BENCHMARKS=OFF -DNERVA_BUILD_EXAMPLES=OFF
+    build build-fuzz
+    for f in build-fuzz/fuzz/fuzz_*; do
+      [ -x "$f" ] || continue
+      name=${f##*/fuzz_}
+      # New inputs go to the build tree; the seeds in fuzz/corpus stay as they are.
+      mkdir -p "build-fuzz/corpus/$name"
+      echo "== fuzz_$name for ${seconds}s"
+      "$f" -max_total_time="$seconds" -print_final_stats=1 "build-fuzz/corpus/$name" \
+        "fuzz/corpus/$name" >"build-fuzz/fuzz_$name.log" 2>&1 || {
+        tail -n 60 "build-fuzz/fuzz_$name.log"
+        exit 1
+      }
+      runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "build-fuzz/fuzz_$name.log")
+      echo "fuzz_$name: $runs executions in ${seconds}s, no failure"
+    done
     ;;
   bench)
     ensure_packages gnuplot-nox python3
@@ -82,7 +118,7 @@ case "$cmd" in
     cmake --install build --prefix "$prefix"
     ;;
   *)
-    sed -n '2,6p' "$0"
+    sed -n '2,8p' "$0"
     exit 2
     ;;
 esac

@@ -33,7 +33,10 @@ class NERVA_API FormattedArray {
 
   size_t NumDataDimensions() const { return num_data_dims; }
   size_t NumDimensions() const { return num_data_dims + 3; }
-  size_t DataSize(size_t i) const { return sizes[i]; }
+  // The three indexed accessors are out of line so that the checked build
+  // can verify the index (any logical dimension for DataSize and
+  // DataDimension, a data dimension for DataIncrement).
+  size_t DataSize(size_t i) const;
   size_t NumChannels() const { return sizes[num_data_dims]; }
   size_t NumObservations() const { return sizes[num_data_dims + 1]; }
   // Product of the data sizes; 1 when there are none.
@@ -45,11 +48,11 @@ class NERVA_API FormattedArray {
   // True when every data dimension has size 1.
   bool IsScalar() const;
 
-  long DataIncrement(size_t i) const { return data_increments[i]; }
+  long DataIncrement(size_t i) const;
   const long* DataIncrements() const { return data_increments; }
   long BaseIncrement() const { return base_increment; }
 
-  size_t DataDimension(size_t i) const { return dim_map[i]; }
+  size_t DataDimension(size_t i) const;
   size_t ChannelDimension() const { return dim_map[num_data_dims]; }
   size_t ObservationDimension() const { return dim_map[num_data_dims + 1]; }
   size_t SequenceDimension() const { return dim_map[num_data_dims + 2]; }

@@ -69,7 +69,9 @@ class NERVA_API FormattedOutputArray : public FormattedArray {
 
   size_t const* Firsts() const { return firsts; }
   bool IsStrided() const { return strides != nullptr; }
-  size_t Stride(size_t dim) const { return strides[dim]; }
+  // Valid only when IsStrided(); out of line so that the checked build can
+  // verify that and the index.
+  size_t Stride(size_t dim) const;
   // First element of the data region, past the leading padding.
   T* UnpaddedData();
   // New extents of the data dimensions keeping the contents (anchored at index

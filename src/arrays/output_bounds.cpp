@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "detail/checks.hpp"
 #include "nerva/output_array.hpp"
 
 // The bounds tables of output arrays and the position of the data region.
@@ -14,6 +15,11 @@ template <typename T>
 void FormattedOutputArray<T>::CopyDataBounds(size_t const* firsts_, size_t const* lasts_,
                                              size_t const* strides_, size_t const* padding_) {
   const size_t n = num_data_dims;
+  // A zero stride over a non-empty range divides by zero in SetSizeArray.
+  for (size_t i = 0; NERVA_CHECKED_BUILD && strides_ != nullptr && i < n; ++i)
+    NERVA_CHECK(strides_[i] != 0 || lasts_[i] <= firsts_[i],
+                "FormattedOutputArray::CopyDataBounds: stride 0 in data dimension ", i,
+                " with the non-empty range [", firsts_[i], ", ", lasts_[i], ")");
   size_t entries = 2 * n;
   if (strides_ != nullptr) entries += n;
   if (padding_ != nullptr) entries += 2 * n;
@@ -47,6 +53,14 @@ void FormattedOutputArray<T>::CopyDataBounds(size_t const* firsts_, size_t const
   padding = new_padding;
 }
 
+template <typename T>
+size_t FormattedOutputArray<T>::Stride(size_t dim) const {
+  NERVA_CHECK(strides != nullptr, "FormattedOutputArray::Stride: the array has no strides");
+  NERVA_CHECK(dim < num_data_dims, "FormattedOutputArray::Stride: data dimension index ", dim,
+              " out of range (", num_data_dims, " data dimensions)");
+  return strides[dim];
+}
+
 // Only the leading padding counts; channel and observation offsets are 0.
 template <typename T>
 T* FormattedOutputArray<T>::UnpaddedData() {
@@ -62,7 +76,8 @@ T* FormattedOutputArray<T>::UnpaddedData() {
 #define NERVA_OUTPUT_BOUNDS(T)                                                         \
   template void FormattedOutputArray<T>::CopyDataBounds(size_t const*, size_t const*,  \
                                                         size_t const*, size_t const*); \
-  template T* FormattedOutputArray<T>::UnpaddedData();
+  template T* FormattedOutputArray<T>::UnpaddedData();                                 \
+  template size_t FormattedOutputArray<T>::Stride(size_t) const;
 
 NERVA_OUTPUT_BOUNDS(float)
 NERVA_OUTPUT_BOUNDS(double)

@@ -1,5 +1,6 @@
 #include <utility>
 
+#include "detail/checks.hpp"
 #include "nerva/output_array.hpp"
 
 namespace nerva {
@@ -24,6 +25,9 @@ void FormattedOutputArray<T>::Reformat(size_t channel_position, size_t observati
     ShallowReformat(channel_position, observation_position);
     return;
   }
+  NERVA_CHECK(allocated_block != nullptr,
+              "FormattedOutputArray::Reformat: the array has no data buffer (", TotalNumElem(),
+              " elements)");
   std::unique_ptr<CNNMemoryBlock> spare = std::move(staging_block);
   staging_block = ReformatData<T>(static_cast<T const*>(allocated_block->data), channel_position,
                                   observation_position, InOrder, std::move(spare), *pool);

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "copy/simple_copy.hpp"
+#include "detail/checks.hpp"
 #include "nerva/copy.hpp"
 
 namespace nerva {
@@ -77,6 +78,15 @@ std::unique_ptr<CNNMemoryBlock> strided_copy(SharedMemoryPool& pool, T const* sr
                                              std::size_t const* lasts,
                                              std::size_t const* increments, std::size_t numDims,
                                              std::size_t channelDim, std::size_t const* mapping) {
+  // The element count below has no guard for empty ranges: an empty range
+  // with an increment above 1 wraps to a huge count.
+  for (std::size_t i = 0; NERVA_CHECKED_BUILD && i < numDims; ++i) {
+    NERVA_CHECK(increments[i] != 0, "strided_copy: increment 0 in dimension ", i,
+                " with the range [", firsts[i], ", ", lasts[i], ")");
+    NERVA_CHECK(lasts[i] > firsts[i] || (lasts[i] == firsts[i] && increments[i] == 1),
+                "strided_copy: empty range [", firsts[i], ", ", lasts[i], ") with increment ",
+                increments[i], " in dimension ", i);
+  }
   // A table built here lives only for this call, whichever way it ends.
   std::unique_ptr<CNNMemoryBlock> own_mapping;
   if (mapping == nullptr) {

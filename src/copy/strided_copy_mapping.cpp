@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <memory>
 
+#include "detail/checks.hpp"
 #include "nerva/copy.hpp"
 
 namespace nerva {
@@ -71,6 +72,10 @@ void fill_offsets(Selection const& s, std::size_t* out, std::size_t b, std::size
 std::unique_ptr<CNNMemoryBlock> strided_copy_mapping(
     std::size_t const* sizes, std::size_t const* firsts, std::size_t const* lasts,
     std::size_t const* increments, std::size_t numDims, AllocatorFunctions alloc) {
+  for (std::size_t i = 0; NERVA_CHECKED_BUILD && i < numDims; ++i)
+    NERVA_CHECK(increments[i] != 0 || lasts[i] <= firsts[i],
+                "strided_copy_mapping: increment 0 in dimension ", i, " with the non-empty range [",
+                firsts[i], ", ", lasts[i], ")");
   std::size_t numSelected = 1;
   for (std::size_t i = 0; i < numDims; ++i) {
     if (lasts[i] > firsts[i])

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "detail/checks.hpp"
+
 namespace nerva {
 
 FormattedArray::FormattedArray(size_t num_data_dims_, size_t channel_position,
@@ -16,6 +18,24 @@ FormattedArray::FormattedArray(size_t num_data_dims_, size_t channel_position,
   // Sizes start at 0 and increments stay 0 until a size setter runs.
   std::memset(storage->data, 0, (3 * num_data_dims_ + 6) * sizeof(long));
   PopulateDimMap(channel_position, observation_position, sequence_position);
+}
+
+size_t FormattedArray::DataSize(size_t i) const {
+  NERVA_CHECK(i < num_data_dims + 3, "FormattedArray::DataSize: dimension index ", i,
+              " out of range (", num_data_dims + 3, " dimensions)");
+  return sizes[i];
+}
+
+long FormattedArray::DataIncrement(size_t i) const {
+  NERVA_CHECK(i < num_data_dims, "FormattedArray::DataIncrement: data dimension index ", i,
+              " out of range (", num_data_dims, " data dimensions)");
+  return data_increments[i];
+}
+
+size_t FormattedArray::DataDimension(size_t i) const {
+  NERVA_CHECK(i < num_data_dims + 3, "FormattedArray::DataDimension: dimension index ", i,
+              " out of range (", num_data_dims + 3, " dimensions)");
+  return dim_map[i];
 }
 
 size_t FormattedArray::NumDataElem() const {

@@ -1,5 +1,6 @@
 #include <utility>
 
+#include "detail/checks.hpp"
 #include "nerva/formatted_array.hpp"
 #include "qel_permute/permute.hpp"
 
@@ -27,6 +28,9 @@ std::unique_ptr<CNNMemoryBlock> FormattedArray::ReformatData(T const* src, size_
   const std::unique_ptr<CNNMemoryBlock> permutation =
       BuildPermutationVector(channelDim, observationDim, firstDataDims);
   const std::unique_ptr<CNNMemoryBlock> extents = GetSizesInCurrentFormat();
+  if (NERVA_CHECKED_BUILD)
+    detail::check_permutation("FormattedArray::ReformatData",
+                              static_cast<size_t*>(permutation->data), n + 3);
 
   if (!dst) dst = pool.lease_or_error(TotalNumElem() * sizeof(T));
   qel_permute::Permute<sizeof(T)>(src, dst->data, n + 3, static_cast<size_t*>(extents->data),
