@@ -6,181 +6,148 @@
 #include <vector>
 
 #include "array_test_util.hpp"
-#include "support/counting_allocator.hpp"
 
 namespace {
 
-using arrays_test::idle_data;
-using arrays_test::idle_sizes;
-using arrays_test::value;
-using nerva::CNNMemoryBlock;
-using nerva::FormattedArray;
-using nerva::FormattedInputArray;
-using nerva::SharedMemoryPool;
+using namespace nerva;
+using namespace arrays_test;
 
-// A KORVAL layout of w x h data, c channels, n observations.
-std::unique_ptr<FormattedArray> korval_format(std::size_t w, std::size_t h, std::size_t c,
-                                              std::size_t n) {
-  auto f = std::make_unique<FormattedArray>(2, 2, 3, 4, counting::functions(), 1);
-  const std::size_t sizes[5] = {w, h, c, n, 1};
-  f->SetSizesInDefaultFormat(sizes, 5);
-  return f;
-}
-
-template <typename T>
-std::unique_ptr<CNNMemoryBlock> korval_block(std::size_t w, std::size_t h, std::size_t c,
-                                             std::size_t n) {
-  auto block = std::make_unique<CNNMemoryBlock>(w * h * c * n * sizeof(T), counting::functions());
-  T* data = static_cast<T*>(block->data);
-  for (std::size_t b = 0; b < n; ++b)
-    for (std::size_t k = 0; k < c; ++k)
-      for (std::size_t y = 0; y < h; ++y)
-        for (std::size_t x = 0; x < w; ++x)
-          data[x + w * (y + h * (k + c * b))] = value<T>(x, y, k, b);
-  return block;
-}
-
-TEST(InputArray, ConstructorsTakeLayoutAndSizes) {
-  counting::LeakCheck check;
-  SharedMemoryPool pool(counting::functions(), &counting::throwing_error);
+TEST(InputArray, ConstructorsAndNothingToRelinquish) {
+  Pooled p;
   const float elements[1] = {0};
-  const std::size_t factors[2] = {2, 3};
-  // Sizes in layout order with the channel first: missing trailing sizes are 1.
+  // Sizes in layout order with the channel first; missing trailing sizes are 1.
   const std::size_t sizes[3] = {4, 5, 6};
-  FormattedInputArray<float> a(pool, elements, sizes, 3, 2, 0, 3, factors);
+  FormattedInputArray<float> a(p.pool, elements, sizes, 3, 2, 0, 3, nullptr);
   EXPECT_EQ(a.NumChannels(), 4u);
-  EXPECT_EQ(a.DataSize(0), 5u);
   EXPECT_EQ(a.DataSize(1), 6u);
   EXPECT_EQ(a.NumObservations(), 1u);
-  EXPECT_EQ(a.DataIncrement(0), 4);
-  EXPECT_EQ(a.UpsamplingFactors(), factors);
-  EXPECT_EQ(a.UpsamplingFactor(1), 3u);
-  EXPECT_EQ(&a.Pool(), &pool);
-  EXPECT_EQ(a.Data(), elements);
-  // Metadata blocks are kept and freed with the array, never pooled.
+  // Metadata blocks are freed with the array or when replaced, never pooled.
   a.Attach(std::make_unique<CNNMemoryBlock>(8192, counting::functions()));
   a.Attach(std::make_unique<CNNMemoryBlock>(8192, counting::functions()));
-  EXPECT_EQ(a.MetaData()->allocated_size(), 8192u);
   EXPECT_EQ(counting::stats().deallocations, 1u);
 
   auto format = korval_format(3, 2, 5, 7);
   format->Reverse();
-  FormattedInputArray<float> b(pool, elements, format.get());
-  EXPECT_TRUE(b.IsInKORVALFormat());
-  EXPECT_EQ(b.TotalNumElem(), 3u * 2 * 5 * 7);
-  EXPECT_EQ(b.BaseIncrement(), -1);
+  FormattedInputArray<float> b(p.pool, elements, format.get());
   EXPECT_EQ(b.DataIncrement(1), -3);
-  EXPECT_EQ(b.UpsamplingFactors(), nullptr);
-
-  FormattedInputArray<float> c(pool, std::unique_ptr<CNNMemoryBlock>(), format.get());
-  EXPECT_EQ(c.Data(), nullptr);
-  // The source is not given away before the array reads its own copy.
+  // Nothing of the caller's is given away, and Data() stays the source.
   EXPECT_EQ(b.RelinquishSourceIfUnused(), nullptr);
-  EXPECT_EQ(b.Data(), elements);
   EXPECT_EQ(b.Relinquish(), nullptr);
   EXPECT_EQ(b.Data(), elements);
+  EXPECT_TRUE(p.pool.blocks.empty());
 }
 
-TEST(InputArray, SubsampleSizesAndValuesAndSecondSubsample) {
-  counting::LeakCheck check;
-  SharedMemoryPool pool(counting::functions(), &counting::throwing_error);
+// Subsample reads the newest elements (the own copy when there is one) and
+// returns the block it replaces to the pool.
+TEST(InputArray, SubsampleReadsTheNewestElements) {
+  Pooled p;
   constexpr std::size_t w = 20, h = 12, c = 3, n = 2;
   auto format = korval_format(w, h, c, n);
-  FormattedInputArray<float> a(pool, korval_block<float>(w, h, c, n), format.get());
-  a.Reformat(nerva::ChainedFormat);
-
-  const std::size_t firsts[2] = {1, 2}, lasts[2] = {20, 12}, inc[2] = {3, 4};
-  const void* reformatted = a.Data();
-  a.Subsample(firsts, lasts, inc, nullptr);
-  // The chained copy went back to the pool; sizes follow the selection.
-  EXPECT_EQ(idle_data(pool), std::vector<void*>{const_cast<void*>(reformatted)});
-  ASSERT_EQ(a.DataSize(0), 7u);
-  ASSERT_EQ(a.DataSize(1), 3u);
-  EXPECT_EQ(a.DataIncrement(0), static_cast<long>(c * n));
-  EXPECT_EQ(a.DataIncrement(1), static_cast<long>(c * n * 7));
-  for (std::size_t j = 0; j < 3; ++j)
-    for (std::size_t i = 0; i < 7; ++i)
-      for (std::size_t b = 0; b < n; ++b)
-        for (std::size_t k = 0; k < c; ++k)
-          ASSERT_EQ(a.Data()[k + c * (b + n * (i + 7 * j))],
-                    value<float>(1 + 3 * i, 2 + 4 * j, k, b));
-
-  // A second subsample reads the first one's result (and returns its block,
-  // small here, so freed); increment 1 and an empty range.
-  const std::size_t f2[2] = {2, 1}, l2[2] = {6, 1}, i2[2] = {1, 1};
+  FormattedInputArray<float> a(p.pool, korval_block<float>(w, h, c, n), format.get());
+  a.Reformat(ChainedFormat);
+  const void* copy = a.Data();  // 5760 bytes: pooled when given back
+  const std::size_t f1[2] = {1, 2}, l1[2] = {20, 12}, i1[2] = {3, 4};
+  a.Subsample(f1, l1, i1, nullptr);
+  EXPECT_EQ(idle_data(p.pool), std::vector<void*>{const_cast<void*>(copy)});
+  // Then positions 1, 3, 5 of the first result's x, every y.
+  const std::size_t f2[2] = {1, 0}, l2[2] = {7, 3}, i2[2] = {2, 1};
   a.Subsample(f2, l2, i2, nullptr);
-  EXPECT_EQ(a.DataSize(0), 4u);
+  ASSERT_EQ(a.DataSize(0), 3u);
+  ASSERT_EQ(a.DataSize(1), 3u);
+  for (std::size_t i = 0; i < 3 * 3 * c * n; ++i)
+    ASSERT_EQ(a.Data()[i], value<float>(1 + 3 * (1 + 2 * (i / (c * n) % 3)),
+                                        2 + 4 * (i / (c * n * 3)), i % c, i / c % n))
+        << i;
+  const std::size_t f3[2] = {0, 2}, l3[2] = {3, 2};
+  a.Subsample(f3, l3, i2, nullptr);
   EXPECT_EQ(a.DataSize(1), 0u);
-  EXPECT_EQ(a.TotalNumElem(), 0u);
-  EXPECT_EQ(pool.blocks.size(), 1u);
-
-  // firsts 0, lasts 10, increments 3 gives 4.
-  auto small = korval_format(10, 1, 1, 1);
-  FormattedInputArray<float> s(pool, korval_block<float>(10, 1, 1, 1), small.get());
-  const std::size_t f3[2] = {0, 0}, l3[2] = {10, 1}, i3[2] = {3, 1};
-  s.Subsample(f3, l3, i3, nullptr);
-  ASSERT_EQ(s.DataSize(0), 4u);
-  for (std::size_t i = 0; i < 4; ++i) EXPECT_EQ(s.Data()[i], value<float>(3 * i, 0, 0, 0));
 }
 
-TEST(InputArray, RelinquishSourceIfUnusedOnlyAfterAMovingReformat) {
-  counting::LeakCheck check;
-  SharedMemoryPool pool(counting::functions(), &counting::throwing_error);
-  auto format = korval_format(4, 4, 2, 1);
-  auto block = korval_block<double>(4, 4, 2, 1);
-  void* handed = block->data;
-  FormattedInputArray<double> a(pool, std::move(block), format.get());
-  EXPECT_EQ(static_cast<const void*>(a.Data()), handed);
-  EXPECT_EQ(a.RelinquishSourceIfUnused(), nullptr);
-  a.Reformat(nerva::ChainedFormat);
-  auto taken = a.RelinquishSourceIfUnused();
-  ASSERT_NE(taken, nullptr);
-  EXPECT_EQ(taken->data, handed);
-  EXPECT_EQ(a.RelinquishSourceIfUnused(), nullptr);
-  EXPECT_EQ(a.Data()[1], value<double>(0, 0, 1, 0));  // chained: channel fastest
-  // Relinquish hands out the copy; the array then points at its (taken) source.
-  auto copy = a.Relinquish();
-  ASSERT_NE(copy, nullptr);
-  EXPECT_EQ(a.Data(), nullptr);
-}
-
-// The destructor checks the reformatted block in together with the handed-over
-// source; the size of the reformatted block alone decides for both.
+// The destructor checks the own block in together with the handed-over
+// source: the size of the own block alone decides for both.
 TEST(InputArray, DestructorTwoBlockCheckIn) {
-  counting::LeakCheck check;
-  SharedMemoryPool pool(counting::functions(), &counting::throwing_error);
+  Pooled p;
   auto format = korval_format(32, 32, 2, 1);  // 2048 floats: 8 KiB
   void* handed = nullptr;
   void* copy = nullptr;
   {
     auto block = korval_block<float>(32, 32, 2, 1);
     handed = block->data;
-    FormattedInputArray<float> a(pool, std::move(block), format.get());
-    a.Reformat(nerva::ChainedFormat);
+    FormattedInputArray<float> a(p.pool, std::move(block), format.get());
+    a.Reformat(ChainedFormat);
     copy = const_cast<float*>(a.Data());
   }
-  EXPECT_EQ(idle_data(pool), (std::vector<void*>{copy, handed}));
-  pool.blocks.clear();
-
+  EXPECT_EQ(idle_data(p.pool), (std::vector<void*>{copy, handed}));
+  p.pool.blocks.clear();
   {
     // A small subsample result takes the 8 KiB source block down with it.
-    FormattedInputArray<float> a(pool, korval_block<float>(32, 32, 2, 1), format.get());
+    FormattedInputArray<float> a(p.pool, korval_block<float>(32, 32, 2, 1), format.get());
     const std::size_t firsts[2] = {0, 0}, lasts[2] = {32, 32}, inc[2] = {8, 8};
     a.Subsample(firsts, lasts, inc, nullptr);
-    EXPECT_EQ(a.TotalNumElem(), 32u);
-    EXPECT_EQ(counting::live_blocks(), 4u);  // format, storage, source, result
   }
-  EXPECT_TRUE(pool.blocks.empty());
-  EXPECT_EQ(counting::live_blocks(), 1u);  // the format
-
+  EXPECT_TRUE(p.pool.blocks.empty());
   {
-    // Only the handed-over source: checked in alone.
+    // Only the handed-over source, still read: checked in alone.
     auto block = korval_block<float>(32, 32, 2, 1);
     handed = block->data;
-    FormattedInputArray<float> a(pool, std::move(block), format.get());
+    FormattedInputArray<float> a(p.pool, std::move(block), format.get());
+    EXPECT_EQ(a.RelinquishSourceIfUnused(), nullptr);
   }
-  EXPECT_EQ(idle_data(pool), std::vector<void*>{handed});
-  EXPECT_EQ(idle_sizes(pool), std::vector<std::size_t>{8192});
+  EXPECT_EQ(idle_data(p.pool), std::vector<void*>{handed});
+}
+
+// Swapped at the current positions still moves the data; a second moving
+// reformat reads the source again with the metadata of the first result, so
+// back to KORVAL transposes the source as if it were the swapped layout, into
+// the same own block; an order byte other than 0 and 1 never matches.
+TEST(InputReformat, OrderQuirks) {
+  Pooled p;
+  constexpr std::size_t w = 5, h = 3;
+  auto src = korval<float>(w, h, 2, 1);
+  const std::size_t sizes[4] = {w, h, 2, 1};
+  FormattedInputArray<float> in(p.pool, src.data(), sizes, 4, 2, 2, 3, nullptr);
+  in.Reformat(2, 3, InOrder);  // nothing to do
+  EXPECT_EQ(in.Data(), src.data());
+  in.Reformat(2, 3, Swapped);
+  const float* copy = in.Data();
+  ASSERT_NE(copy, src.data());
+  EXPECT_EQ(in.DataIncrement(0), static_cast<long>(h));
+  for (std::size_t i = 0; i < w * h * 2; ++i)
+    ASSERT_EQ(copy[i], value<float>(i / h % w, i % h, i / (w * h), 0)) << i;
+  in.Reformat(KORVALFormat);  // channel and observation in place, order not
+  EXPECT_TRUE(in.IsInKORVALFormat());
+  ASSERT_EQ(in.Data(), copy);
+  for (std::size_t i = 0; i < w * h * 2; ++i)
+    ASSERT_EQ(copy[i], src[i / (w * h) * w * h + i % (w * h) / w + h * (i % w)]) << i;
+
+  FormattedInputArray<float> again(p.pool, src.data(), sizes, 4, 2, 2, 3, nullptr);
+  again.Reformat(2, 3, static_cast<FirstDataDims>(2));
+  ASSERT_NE(again.Data(), src.data());
+  EXPECT_EQ(std::vector<float>(again.Data(), again.Data() + src.size()), src);
+}
+
+// Data extents 1 and the channel/observation order kept: metadata only; an
+// existing own block goes back to the pool and Data() is the source again.
+// Zero elements: only the map changes.
+TEST(InputReformat, NoElementToMoveKeepsTheSource) {
+  Pooled p;
+  auto src = korval<float>(1, 1, 64, 32);  // 8 KiB
+  const std::size_t sizes[4] = {1, 1, 64, 32};
+  FormattedInputArray<float> in(p.pool, src.data(), sizes, 4, 2, 2, 3, nullptr);
+  in.Reformat(ChainedFormat);
+  EXPECT_EQ(in.Data(), src.data());
+  in.Reformat(1, 0, InOrder);  // order of the pair changes: moves
+  const float* own = in.Data();
+  EXPECT_EQ(own[1], value<float>(0, 0, 0, 1));
+  in.Reformat(3, 2, InOrder);  // order kept: metadata only
+  EXPECT_EQ(in.Data(), src.data());
+  EXPECT_EQ(idle_data(p.pool), std::vector<void*>{const_cast<float*>(own)});
+
+  const std::size_t empty_sizes[4] = {5, 0, 3, 2};
+  FormattedInputArray<double> empty(p.pool, nullptr, empty_sizes, 4, 2, 2, 3, nullptr);
+  empty.Reformat(ChainedFormat);
+  EXPECT_EQ(empty.DataIncrement(0), 6);
+  EXPECT_EQ(empty.Data(), nullptr);
 }
 
 }  // namespace
