@@ -19,7 +19,6 @@ TEST(InputArray, ConstructorsAndNothingToRelinquish) {
   const std::size_t sizes[3] = {4, 5, 6};
   FormattedInputArray<float> a(p.pool, elements, sizes, 3, 2, 0, 3, nullptr);
   EXPECT_EQ(a.NumChannels(), 4u);
-  EXPECT_EQ(a.DataSize(1), 6u);
   EXPECT_EQ(a.NumObservations(), 1u);
   // Metadata blocks are freed with the array or when replaced, never pooled.
   a.Attach(std::make_unique<CNNMemoryBlock>(8192, counting::functions()));

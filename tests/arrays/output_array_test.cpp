@@ -71,13 +71,10 @@ TEST(OutputArray, FromFormatTakeOverAndLike) {
   EXPECT_EQ(idle_data(other), std::vector<void*>{buffer});
   other.blocks.clear();
 
-  // Like another with a new batch size: bounds and data through the pool's
-  // functions, the layout storage from the heap.
+  // Like another with a new batch size: the bounds are copied, data leased.
   const std::size_t firsts[1] = {1}, lasts[1] = {9}, strides[1] = {3}, padding[2] = {1, 1};
   FormattedOutputArray<float> d(p.pool, firsts, lasts, strides, 1, 2, 1, padding, Unallocated);
-  const std::size_t before = counting::live_blocks();
   FormattedOutputArray<float> e(p.pool, &d, 1000);
-  EXPECT_EQ(counting::live_blocks(), before + 2);
   EXPECT_EQ(e.UnpaddedData(), e.Data() + 1);
 }
 
@@ -126,22 +123,14 @@ TEST(OutputReformat, TwoBuffersRelinquishAndDestroy) {
   EXPECT_EQ(out.Relinquish(), nullptr);
 }
 
-// Zero elements, or data extents 1 with channel and observation moved as a
-// pair: only the map changes, and nothing is leased.
-TEST(OutputReformat, NoElementToMove) {
+// Zero elements: only the map changes.
+TEST(OutputReformat, ZeroElements) {
   Pooled p;
   const std::size_t firsts[2] = {0, 4}, lasts[2] = {8, 4};
   FormattedOutputArray<double> none(p.pool, firsts, lasts, nullptr, 2, 3, 2, nullptr, Zeros);
   EXPECT_EQ(none.Data(), nullptr);
   none.Reformat(ChainedFormat);
   EXPECT_EQ(none.DataIncrement(0), 6);
-  const std::size_t ones[2] = {1, 1};
-  FormattedOutputArray<float> out(p.pool, ones, 2, 64, 32, 2, 3, Zeros);
-  float* data = out.Data();
-  out.Reformat(ChainedFormat);
-  EXPECT_TRUE(out.IsInChainedFormat());
-  EXPECT_EQ(out.Data(), data);
-  EXPECT_TRUE(p.pool.blocks.empty());
 }
 
 // An input over a handed-over block of `in` doubles, read through its own
