@@ -1,12 +1,13 @@
 // ranged_copy: two extent vectors, a level and a group length from the input, for each element
-// type; the destination must hold the source's common corner and keep its old contents (zeros)
-// everywhere else.
+// type, against the tests' naive reference: the destination must hold the source's common
+// corner and keep its old contents (zeros) everywhere else.
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
+#include "../tests/concurrency/ranged_copy_reference.hpp"
 #include "fuzz_input.hpp"
 #include "nerva/copy.hpp"
 
@@ -24,21 +25,10 @@ void run(Sizes const& srcSizes, Sizes const& dstSizes, std::size_t group) {
   }
   std::vector<T> src(srcTotal), dst(dstTotal, T(0));
   for (std::size_t i = 0; i < srcTotal; ++i) src[i] = static_cast<T>(i % 97 + 1);
+  auto const want = ranged_copy_reference(src, srcSizes, dst, dstSizes, group);
   nerva::ranged_copy<T>(src.data(), srcSizes.data(), dst.data(), dstSizes.data(), levels - 1,
                         static_cast<long>(group));
-  // Groups of the destination in order, their index along each level kept as an odometer.
-  Sizes idx(levels, 0);
-  for (std::size_t e = 0; e < dstTotal; e += group) {
-    bool inside = true;
-    std::size_t at = 0, pitch = group;
-    for (std::size_t i = 0; i < levels; ++i) {
-      inside = inside && idx[i] < srcSizes[i];
-      at += idx[i] * pitch;
-      pitch *= srcSizes[i];
-    }
-    for (std::size_t g = 0; g < group; ++g) FUZZ_CHECK(dst[e + g] == (inside ? src[at + g] : T(0)));
-    for (std::size_t i = 0; i < levels && ++idx[i] == dstSizes[i]; ++i) idx[i] = 0;
-  }
+  FUZZ_CHECK(dst == want);
 }
 
 }  // namespace

@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstddef>
+#include <memory>
 #include <numeric>
 #include <random>
 #include <thread>
@@ -10,13 +13,16 @@
 #include "gemm/gemm_reference.hpp"
 #include "nerva/copy.hpp"
 #include "nerva/memory.hpp"
+#include "ranged_copy_reference.hpp"
 #include "selection.hpp"
 #include "support/counting_allocator.hpp"
 
-// The TBB kernels and tbb_gemm called from several host threads at once, each on its own data,
-// the strided copies sharing one pool. Every result is checked against a naive loop; the
+// The kernels, tbb_gemm and the pool's wait protocol from several host threads at once; the
 // thread-sanitized build checks that nothing is shared by accident.
 namespace {
+
+using nerva::CNNMemoryBlock;
+using nerva::SharedMemoryPool;
 
 template <class T>
 std::vector<T> ramp(std::size_t n, int seed) {
@@ -37,7 +43,7 @@ void simple_copy_and_fill(int t) {
   EXPECT_TRUE(longs == std::vector<long>(n, t)) << "fill";
 }
 
-void strided_copy(nerva::SharedMemoryPool& pool, std::mt19937& rng, std::size_t channelDim) {
+void strided_copy(SharedMemoryPool& pool, std::mt19937& rng, std::size_t channelDim) {
   Selection const s = random_selection(rng, 3, 40, 6);
   std::vector<std::size_t> const offsets = reference_offsets(s);
   std::size_t const k = offsets.size(), planes = s.planes();
@@ -57,41 +63,28 @@ void strided_copy(nerva::SharedMemoryPool& pool, std::mt19937& rng, std::size_t 
   pool.checkin(std::move(block));
 }
 
-// Element (g, i0, i1, ...) of the destination is copied when every index is inside both.
 void ranged_copy(std::mt19937& rng) {
-  auto pick = [&rng](std::size_t lo, std::size_t hi) {
-    return std::uniform_int_distribution<std::size_t>(lo, hi)(rng);
-  };
-  std::size_t const dims = pick(1, 3), group = pick(1, 5);
+  std::size_t const dims = 1 + rng() % 3, group = 1 + rng() % 5;
   std::vector<std::size_t> srcSizes(dims), dstSizes(dims);
   std::size_t srcTotal = group, dstTotal = group;
   for (std::size_t i = 0; i < dims; ++i) {
-    srcTotal *= srcSizes[i] = pick(0, 24);
-    dstTotal *= dstSizes[i] = pick(0, 24);
+    srcTotal *= srcSizes[i] = rng() % 25;
+    dstTotal *= dstSizes[i] = rng() % 25;
   }
   auto const src = ramp<long>(srcTotal, 1);
-  std::vector<long> dst(dstTotal, -7), want(dstTotal, -7);
+  std::vector<long> dst(dstTotal, -7);
+  auto const want = ranged_copy_reference(src, srcSizes, dst, dstSizes, group);
   nerva::ranged_copy<long>(src.data(), srcSizes.data(), dst.data(), dstSizes.data(), dims - 1,
                            static_cast<long>(group));
-  for (std::size_t e = 0; e < dstTotal; ++e) {
-    std::size_t rest = e / group, at = e % group, pitch = group;
-    bool inside = true;
-    for (std::size_t i = 0; i < dims; ++i) {
-      std::size_t const idx = rest % dstSizes[i];
-      rest /= dstSizes[i];
-      inside = inside && idx < srcSizes[i];
-      at += idx * pitch;
-      pitch *= srcSizes[i];
-    }
-    if (inside) want[e] = src[at];
-  }
   EXPECT_TRUE(dst == want) << "ranged copy";
 }
 
+// Each thread works on its own data, the strided copies sharing one pool; every result is
+// checked against a naive loop.
 TEST(ConcurrentKernels, SeveralThreadsMatchNaiveLoops) {
   counting::LeakCheck check;
   constexpr int kThreads = 4;
-  nerva::SharedMemoryPool pool(counting::functions(), &counting::throwing_error, kThreads);
+  SharedMemoryPool pool(counting::functions(), &counting::throwing_error, kThreads);
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t)
     threads.emplace_back([&pool, t] {
@@ -108,6 +101,46 @@ TEST(ConcurrentKernels, SeveralThreadsMatchNaiveLoops) {
       EXPECT_TRUE(p.C == want) << "tbb_gemm";
     });
   for (auto& th : threads) th.join();
+}
+
+// The cooperative out-of-memory protocol with several waiting threads.
+TEST(ConcurrentPool, SeveralWaitersAreServedByTheBlocksOfAFinishingParty) {
+  counting::LeakCheck check;
+  constexpr std::size_t kBytes = 1 << 16;
+  constexpr int kWaiters = 3;
+  // The finishing party, the waiters, and spare parties whose departures wake waiters that read
+  // the count after an earlier departure.
+  constexpr long kSpare = 6;
+  SharedMemoryPool pool(counting::functions(), &counting::throwing_error, 1 + kWaiters + kSpare);
+  std::vector<std::unique_ptr<CNNMemoryBlock>> held;
+  for (int i = 0; i < kWaiters; ++i) held.push_back(pool.lease(kBytes));
+  counting::fail_above(4096);  // no fresh large block from now on
+
+  std::atomic<int> done{0};
+  std::vector<std::unique_ptr<CNNMemoryBlock>> got(kWaiters);
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < kWaiters; ++i)
+    waiters.emplace_back([&, i] {
+      got[i] = pool.lease_or_error(kBytes);
+      ++done;
+    });
+  while (pool.waiting_requests.load() < kWaiters) std::this_thread::yield();
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(done.load(), 0);
+
+  // The finishing party gives its blocks back, then parties leave one by one until every waiter
+  // is served (never so many that the waiters give up).
+  for (auto& block : held) pool.checkin(std::move(block));
+  for (long left = 0; done.load() < kWaiters && left < kSpare; ++left) {
+    --pool.active_users;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  for (auto& th : waiters) th.join();
+  EXPECT_EQ(done.load(), kWaiters);
+  for (auto const& block : got) EXPECT_EQ(block->allocated_size(), kBytes);
+  EXPECT_EQ(pool.waiting_requests.load(), 0);
+  EXPECT_TRUE(pool.blocks.empty());
+  for (auto& block : got) pool.checkin(std::move(block));
 }
 
 }  // namespace
