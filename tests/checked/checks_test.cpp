@@ -27,10 +27,9 @@ TEST(Checked, EachCallerErrorIsReportedWithItsMessage) {
   FormattedOutputArray<float> plain(pool, sizes, 2, 2, 1, 2, 3, nerva::Zeros);
   FormattedOutputArray<float> strided(pool, firsts, lasts, strides, 2, 2, 1, nullptr, nerva::Zeros);
   FormattedOutputArray<long> unallocated(pool, sizes, 2, 2, 1, 2, 3, nerva::Unallocated);
-  std::size_t const zeroStride[] = {1, 0}, fullLasts[] = {4, 5}, emptyLasts[] = {4, 0};
+  std::size_t const zeroLast[] = {1, 0}, fullLasts[] = {4, 5}, emptyLasts[] = {4, 0};
   auto bounds = [&](std::size_t const* ends) {
-    FormattedOutputArray<double> out(pool, firsts, ends, zeroStride, 2, 3, 1, nullptr,
-                                     nerva::Zeros);
+    FormattedOutputArray<double> out(pool, firsts, ends, zeroLast, 2, 3, 1, nullptr, nerva::Zeros);
   };
   std::size_t const extents[] = {3, 3};
   long const incs[] = {1, 3};
@@ -46,7 +45,7 @@ TEST(Checked, EachCallerErrorIsReportedWithItsMessage) {
 
   std::vector<float> src(48, 1.0f), dst(48);
   std::size_t const gridSizes[] = {8, 6, 1, 1}, gridFirsts[] = {0, 2}, gridLasts[] = {8, 5};
-  std::size_t const gridEmpty[] = {8, 2}, noStep0[] = {0, 1}, noStep1[] = {1, 0}, steps[] = {1, 2};
+  std::size_t const gridEmpty[] = {8, 2}, zeroFirst[] = {0, 1}, steps[] = {1, 2};
   auto gather = [&](std::size_t const* ends, std::size_t const* incr) {
     pool.checkin(nerva::strided_copy<float>(pool, src.data(), gridSizes, gridFirsts, ends, incr, 2,
                                             1, nullptr));
@@ -94,10 +93,11 @@ TEST(Checked, EachCallerErrorIsReportedWithItsMessage) {
        out + "StridedConvolutionDescriptorND: null window increments"},
       {[&] { strided.StridedConvolutionDescriptorND(extents, incs, extents, nullptr); },
        out + "StridedConvolutionDescriptorND: null input increments"},
-      {[&] { nerva::strided_copy_mapping(gridSizes, gridFirsts, gridEmpty, noStep1, 2, fns); }, ""},
-      {[&] { nerva::strided_copy_mapping(gridSizes, gridFirsts, gridLasts, noStep1, 2, fns); },
+      {[&] { nerva::strided_copy_mapping(gridSizes, gridFirsts, gridEmpty, zeroLast, 2, fns); },
+       ""},
+      {[&] { nerva::strided_copy_mapping(gridSizes, gridFirsts, gridLasts, zeroLast, 2, fns); },
        "strided_copy_mapping: increment 0 in dimension 1 with the non-empty range [2, 5)"},
-      {[&] { gather(gridLasts, noStep0); },
+      {[&] { gather(gridLasts, zeroFirst); },
        "strided_copy: increment 0 in dimension 0 with the range [0, 8)"},
       {[&] { gather(gridEmpty, steps); },
        "strided_copy: empty range [2, 2) with increment 2 in dimension 1"},

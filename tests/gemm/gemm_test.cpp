@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <iterator>
 #include <limits>
-#include <string>
 #include <thread>
 #include <vector>
 
