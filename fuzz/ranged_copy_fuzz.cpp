@@ -1,81 +1,51 @@
-// ranged_copy: two extent vectors, a level and a group length from the input,
-// for each element type; the destination must hold the source's common corner
-// and keep its old contents everywhere else.
+// ranged_copy: two extent vectors, a level and a group length from the input, for each element
+// type, against the tests' naive reference: the destination must hold the source's common
+// corner and keep its old contents (zeros) everywhere else.
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
+#include "../tests/concurrency/ranged_copy_reference.hpp"
 #include "fuzz_input.hpp"
 #include "nerva/copy.hpp"
 
 namespace {
 
-constexpr std::size_t kMaxElements = 1 << 16;
+using Sizes = std::vector<std::size_t>;
 
 template <class T>
-void run(std::vector<std::size_t> const& srcSizes, std::vector<std::size_t> const& dstSizes,
-         std::size_t group) {
+void run(Sizes const& srcSizes, Sizes const& dstSizes, std::size_t group) {
   std::size_t const levels = srcSizes.size();
   std::size_t srcTotal = group, dstTotal = group;
   for (std::size_t i = 0; i < levels; ++i) {
     srcTotal *= srcSizes[i];
     dstTotal *= dstSizes[i];
   }
-  std::vector<T> src(srcTotal);
+  std::vector<T> src(srcTotal), dst(dstTotal, T(0));
   for (std::size_t i = 0; i < srcTotal; ++i) src[i] = static_cast<T>(i % 97 + 1);
-  T const untouched = static_cast<T>(0);
-  std::vector<T> dst(dstTotal, untouched);
+  auto const want = ranged_copy_reference(src, srcSizes, dst, dstSizes, group);
   nerva::ranged_copy<T>(src.data(), srcSizes.data(), dst.data(), dstSizes.data(), levels - 1,
                         static_cast<long>(group));
-
-  std::vector<std::size_t> idx(levels, 0);
-  for (std::size_t e = 0; e < dstTotal; e += group) {
-    bool inside = true;
-    std::size_t srcAt = 0, pitch = group;
-    for (std::size_t i = 0; i < levels; ++i) {
-      inside = inside && idx[i] < srcSizes[i];
-      srcAt += idx[i] * pitch;
-      pitch *= srcSizes[i];
-    }
-    for (std::size_t g = 0; g < group; ++g)
-      FUZZ_CHECK(dst[e + g] == (inside ? src[srcAt + g] : untouched));
-    for (std::size_t i = 0; i < levels; ++i) {
-      if (++idx[i] < dstSizes[i]) break;
-      idx[i] = 0;
-    }
-  }
+  FUZZ_CHECK(dst == want);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   FuzzInput in(data, size);
-  std::size_t const levels = in.in(1, 4);
-  std::size_t const group = in.in(1, 9);
-  std::vector<std::size_t> srcSizes(levels), dstSizes(levels);
-  std::size_t srcTotal = group, dstTotal = group;
+  std::size_t const levels = in.in(1, 4), group = in.in(1, 9);
+  Sizes srcSizes(levels), dstSizes(levels);
+  std::size_t big = group;  // at most 65536 elements on either side
   for (std::size_t i = 0; i < levels; ++i) {
-    std::size_t const big = std::max(srcTotal, dstTotal);
-    std::size_t const cap = std::min<std::size_t>(40, kMaxElements / std::max<std::size_t>(big, 1));
+    std::size_t const cap = std::min<std::size_t>(40, 65536 / big);
     srcSizes[i] = in.in(0, cap);
     dstSizes[i] = in.in(0, cap);
-    srcTotal *= std::max<std::size_t>(srcSizes[i], 1);
-    dstTotal *= std::max<std::size_t>(dstSizes[i], 1);
+    big *= std::max<std::size_t>({srcSizes[i], dstSizes[i], 1});
   }
-  switch (in.in(0, 3)) {
-    case 0:
-      run<double>(srcSizes, dstSizes, group);
-      break;
-    case 1:
-      run<float>(srcSizes, dstSizes, group);
-      break;
-    case 2:
-      run<unsigned char>(srcSizes, dstSizes, group);
-      break;
-    default:
-      run<long>(srcSizes, dstSizes, group);
-      break;
-  }
+  void (*const runs[])(Sizes const&, Sizes const&, std::size_t) = {&run<double>, &run<float>,
+                                                                   &run<unsigned char>, &run<long>};
+  runs[in.in(0, 3)](srcSizes, dstSizes, group);
   return 0;
 }

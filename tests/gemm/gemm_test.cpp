@@ -1,46 +1,178 @@
-#include "nerva/gemm.hpp"
-
 #include <gtest/gtest.h>
+#include <oneapi/tbb/info.h>
+#include <oneapi/tbb/parallel_for.h>
+#include <oneapi/tbb/task_arena.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <limits>
-#include <string>
+#include <thread>
+#include <vector>
 
 #include "gemm/gemm_reference.hpp"
+#include "gemm/gemm_serial_limit.hpp"
 
 namespace {
 
 using gemm_test::Problem;
 
+// One product for every transposition against the definition. With beta 0 the m x n part of C
+// starts as NaN, which the BLAS must not read. tbb_gemm ignores alpha (the product enters with
+// factor 1); the padding rows of C stay as they were.
 template <typename T>
-class GemmFrontEnd : public ::testing::Test {};
-TYPED_TEST_SUITE(GemmFrontEnd, gemm_test::ElementTypes);
-
-// The scalars come last as (beta, alpha): 3*op(A)*op(B) + 2*C, for every transposition and a
-// size that takes the BLAS's packed path as well as a small one.
-TYPED_TEST(GemmFrontEnd, ScalarsAreBetaThenAlphaForEveryTransposition) {
-  using T = TypeParam;
-  for (long size : {5L, 130L})
-    for (char ta : {'N', 'T'})
-      for (char tb : {'N', 'T'}) {
-        SCOPED_TRACE(std::string(1, ta) + tb + " size " + std::to_string(size));
-        Problem<T> p(ta, tb, size + 2, size, size + 4);
-        auto const want = gemm_test::reference(p, T(2), T(3));
-        nerva::gemm(&p.transa, &p.transb, &p.m, &p.n, &p.k, p.A.data(), &p.lda, p.B.data(), &p.ldb,
-                    p.C.data(), &p.ldc, T(2), T(3));
-        EXPECT_TRUE(gemm_test::same_matrix(p.C, want, p.ldc));
-      }
+void expect_products(long m, long n, long k, T beta, T alpha, bool blocked) {
+  for (char ta : {'N', 'T'})
+    for (char tb : {'N', 'T'}) {
+      SCOPED_TRACE(::testing::Message() << ta << tb << ' ' << m << 'x' << n << 'x' << k);
+      Problem<T> p(ta, tb, m, n, k, 2, static_cast<unsigned>(m + n));
+      if (beta == T(0))
+        for (long j = 0; j < n; ++j)
+          for (long i = 0; i < m; ++i) p.C[i + j * p.ldc] = std::numeric_limits<T>::quiet_NaN();
+      auto const want = gemm_test::reference(p, beta, blocked ? T(1) : alpha);
+      p.multiply(beta, alpha, blocked);
+      EXPECT_TRUE(p.C == want);
+    }
 }
 
-// beta 0 is the BLAS's: the old contents of C are not read, even when they are not numbers.
-TYPED_TEST(GemmFrontEnd, BetaZeroDoesNotReadC) {
+template <typename T>
+class Gemm : public ::testing::Test {};
+TYPED_TEST_SUITE(Gemm, gemm_test::ElementTypes);
+
+// gemm takes its scalars last as (beta, alpha): 3*op(A)*op(B) + 2*C, at a size small enough for
+// the BLAS's direct path and one that takes its packed path. tbb_gemm below, at and above the
+// serial limit on either side (one call or blocks of the grain), with an alpha that must have no
+// effect, k = 0 (blocks only scale C by beta) and beta = 0 block by block; m = 300, n = 10
+// splits only the rows.
+TYPED_TEST(Gemm, ProductsMatchTheDefinition) {
   using T = TypeParam;
-  Problem<T> p('N', 'T', 9, 6, 4);
-  for (long j = 0; j < p.n; ++j)
-    for (long i = 0; i < p.m; ++i) p.C[i + j * p.ldc] = std::numeric_limits<T>::quiet_NaN();
-  auto const want = gemm_test::reference(p, T(0), T(1));
-  nerva::gemm(&p.transa, &p.transb, &p.m, &p.n, &p.k, p.A.data(), &p.lda, p.B.data(), &p.ldb,
-              p.C.data(), &p.ldc, T(0), T(1));
-  EXPECT_TRUE(gemm_test::same_matrix(p.C, want, p.ldc));
+  long const L = nerva::GemmSerialLimit<T>;
+  struct Case {
+    long m, n, k;
+    T beta, alpha;
+    bool blocked;
+  };
+  for (Case c : {Case{7, 5, 9, 2, 3, false}, Case{132, 130, 134, 2, 3, false},
+                 Case{9, 6, 4, 0, 1, false}, Case{L - 1, L / 2, 7, 2, 7, true},
+                 Case{L, L, 5, -1, 7, true}, Case{L + 1, 3, 6, 2, 7, true},
+                 Case{2, L + 1, 4, 2, 0, true}, Case{2 * L + 7, L + 5, 9, 2, -2, true},
+                 Case{300, 10, 11, 2, 7, true}, Case{L + 9, L + 1, 0, 3, 7, true},
+                 Case{L, 4, 0, 0, 7, true}, Case{L + 5, L + 7, 3, 0, 7, true}})
+    expect_products(c.m, c.n, c.k, c.beta, c.alpha, c.blocked);
+}
+
+// Negative sizes never reach the BLAS (it would print a parameter error); m = 0 either returns
+// at once (n above the limit) or is one BLAS call that does nothing. C is never touched.
+TYPED_TEST(Gemm, TbbGemmEmptyAndNegativeSizesDoNothing) {
+  using T = TypeParam;
+  long const L = nerva::GemmSerialLimit<T>;
+  long const sizes[][2] = {{-1, 5},    {5, -3}, {-1, L + 3}, {L + 3, -2},
+                           {0, L + 3}, {0, 5},  {L + 3, 0}};
+  for (auto const& mn : sizes) {
+    SCOPED_TRACE(::testing::Message() << mn[0] << 'x' << mn[1]);
+    Problem<T> p('N', 'N', 8, 8, 8);
+    std::vector<T> const before = p.C;
+    p.m = mn[0];
+    p.n = mn[1];
+    ::testing::internal::CaptureStdout();
+    p.multiply(T(2), T(1), true);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+    EXPECT_TRUE(p.C == before);
+  }
+}
+
+// Only an uppercase 'N' means "not transposed" to tbb_gemm, while the BLAS reads 'n' as not
+// transposed too. Above the limit the blocks are addressed as for transposed operands and the BLAS
+// reads them as plain ones: the row block at i0 comes from A shifted by i0 columns, the column
+// block at j0 from B shifted by j0 rows (both sides are split once, in the middle). The operands
+// get enough extra columns/rows that the shifted reads stay inside them.
+TYPED_TEST(Gemm, TbbGemmTreatsLowercaseNAsTransposedAboveTheLimit) {
+  using T = TypeParam;
+  long const L = nerva::GemmSerialLimit<T>, k = 5, m = L + 6, n = L + 4;
+  Problem<T> p('n', 'n', m, n, k);
+  p.A = gemm_test::filled<T>(p.lda * (k + m), 3, 5);
+  p.ldb = k + n;
+  p.B = gemm_test::filled<T>(p.ldb * n, 4, 7);
+  std::vector<T> want = p.C;
+  for (long j = 0; j < n; ++j)
+    for (long i = 0; i < m; ++i) {
+      long const i0 = i < m / 2 ? 0 : m / 2, j0 = j < n / 2 ? 0 : n / 2;
+      T& c = want[i + j * p.ldc];
+      c *= 2;
+      for (long l = 0; l < k; ++l)
+        c += p.A[(i - i0) + (i0 + l) * p.lda] * p.B[(j0 + l) + (j - j0) * p.ldb];
+    }
+  p.multiply(T(2), T(1), true);
+  EXPECT_TRUE(p.C == want);
+}
+
+// Rounds of one 128 x 128 x 128 product per party, the parties released together by a spin
+// barrier so that their BLAS calls start at the same moment; each product must equal the same
+// product computed alone. At this size the BLAS packs operands into buffers taken from a shared
+// table; with that table unlocked, two calls get the same buffer and dozens of rounds go wrong.
+TEST(BlasConcurrency, SimultaneousCallsFromTbbWorkersAreExact) {
+  long const rounds = 1000;
+  int const parties = std::max(2, tbb::info::default_concurrency());
+  std::vector<Problem<double>> work;
+  std::vector<std::vector<double>> alone;
+  for (int p = 0; p < parties; ++p) {
+    work.emplace_back('N', 'N', 128, 128, 128, 0, static_cast<unsigned>(p + 1));
+    work.back().multiply(0, 1);
+    alone.push_back(work.back().C);
+  }
+  // A party missing for a second (a loaded machine) ends the lockstep instead of hanging.
+  std::atomic<long> arrived{0};
+  std::atomic<bool> unsynchronized{false};
+  std::atomic<long> wrong{0};
+  tbb::task_arena(parties).execute([&] {
+    tbb::parallel_for(
+        0, parties,
+        [&](int p) {
+          std::size_t const bytes = work[p].C.size() * sizeof(double);
+          for (long r = 0; r < rounds; ++r) {
+            std::memset(work[p].C.data(), 0xff, bytes);  // NaN: an unwritten product shows too
+            arrived.fetch_add(1);
+            auto const give_up = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+            for (long spin = 1; arrived.load() < (r + 1) * parties && !unsynchronized; ++spin)
+              if (spin % (1 << 16) == 0) {
+                std::this_thread::yield();
+                if (std::chrono::steady_clock::now() > give_up) unsynchronized = true;
+              }
+            work[p].multiply(0, 1);
+            if (std::memcmp(work[p].C.data(), alone[p].data(), bytes) != 0) ++wrong;
+          }
+        },
+        tbb::simple_partitioner());
+  });
+  EXPECT_EQ(wrong.load(), 0) << "wrong products in " << rounds * parties;
+}
+
+#if defined(__SANITIZE_THREAD__)
+constexpr long kSanitizerThreads = 1;  // ThreadSanitizer's own background thread
+#else
+constexpr long kSanitizerThreads = 0;
+#endif
+
+long thread_count() {
+  using std::filesystem::directory_iterator;
+  return std::distance(directory_iterator("/proc/self/task"), directory_iterator()) -
+         kSanitizerThreads;
+}
+
+// The BLAS starts no threads of its own: after large products the process holds only the
+// calling thread and TBB's workers (a threaded BLAS keeps a pool from the moment it is loaded
+// or from its first call).
+TEST(BlasConcurrency, BlasStartsNoThreads) {
+  Problem<double> p('N', 'N', 320, 320, 320, 0);
+  for (int r = 0; r < 3; ++r) p.multiply(0, 1, true);  // TBB's workers exist from here on
+  long const before = thread_count();
+  EXPECT_LE(before, tbb::info::default_concurrency());
+  p.multiply(0, 1);
+  for (int r = 0; r < 3; ++r) p.multiply(0, 1, true);
+  EXPECT_EQ(thread_count(), before);
 }
 
 }  // namespace

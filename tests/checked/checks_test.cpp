@@ -1,0 +1,121 @@
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "nerva/copy.hpp"
+#include "nerva/formatted_array.hpp"
+#include "nerva/output_array.hpp"
+#include "qel_permute/permute.hpp"
+#include "support/counting_allocator.hpp"
+
+namespace {
+
+using nerva::FormattedOutputArray;
+
+// Each caller error throws std::invalid_argument with exactly its message; a row without a
+// message is the valid call next to an error (the last index, an empty range, an optional null
+// argument), which must go through.
+TEST(Checked, EachCallerErrorIsReportedWithItsMessage) {
+  counting::LeakCheck check;
+  auto const fns = counting::functions();
+  nerva::SharedMemoryPool pool(fns, &counting::throwing_error);
+  std::size_t const sizes[] = {4, 3}, firsts[] = {0, 0}, lasts[] = {8, 6}, strides[] = {2, 3};
+  FormattedOutputArray<float> plain(pool, sizes, 2, 2, 1, 2, 3, nerva::Zeros);
+  FormattedOutputArray<float> strided(pool, firsts, lasts, strides, 2, 2, 1, nullptr, nerva::Zeros);
+  FormattedOutputArray<long> unallocated(pool, sizes, 2, 2, 1, 2, 3, nerva::Unallocated);
+  std::size_t const zeroLast[] = {1, 0}, fullLasts[] = {4, 5}, emptyLasts[] = {4, 0};
+  auto bounds = [&](std::size_t const* ends) {
+    FormattedOutputArray<double> out(pool, firsts, ends, zeroLast, 2, 3, 1, nullptr, nerva::Zeros);
+  };
+  std::size_t const extents[] = {3, 3};
+  long const incs[] = {1, 3};
+
+  nerva::FormattedArray layout(2, 2, 3, 4, fns, 1);
+  std::size_t const layoutSizes[] = {5, 7, 3, 2, 1};
+  layout.SetSizesInDefaultFormat(layoutSizes, 5);
+  // Channel and observation both at position 0: the map (1, 0, 0, 3) has a hole at position 2,
+  // so the order vector to (1, 2) repeats a value.
+  nerva::FormattedArray holed(1, 0, 0, 3, fns, 1);
+  std::size_t const holedSizes[] = {3, 2, 2, 1};
+  holed.SetSizesInDefaultFormat(holedSizes, 4);
+
+  std::vector<float> src(48, 1.0f), dst(48);
+  std::size_t const gridSizes[] = {8, 6, 1, 1}, gridFirsts[] = {0, 2}, gridLasts[] = {8, 5};
+  std::size_t const gridEmpty[] = {8, 2}, zeroFirst[] = {0, 1}, steps[] = {1, 2};
+  auto gather = [&](std::size_t const* ends, std::size_t const* incr) {
+    pool.checkin(nerva::strided_copy<float>(pool, src.data(), gridSizes, gridFirsts, ends, incr, 2,
+                                            1, nullptr));
+  };
+  std::size_t const permSizes[] = {2, 3, 4}, outside[] = {1, 4, 2}, twice[] = {3, 1, 3},
+                    zero[] = {0, 1, 2};
+  auto permute = [&](std::size_t const* order) {
+    qel_permute::Permute<4>(src.data(), dst.data(), 3, permSizes, order, nullptr, nullptr);
+  };
+
+  std::string const fa = "FormattedArray::", out = "FormattedOutputArray::";
+  std::string const range2 = " out of range (2 data dimensions)";
+  struct Case {
+    std::function<void()> call;
+    std::string message;
+  };
+  Case const cases[] = {
+      {[&] { layout.DataSize(4); }, ""},
+      {[&] { layout.DataSize(5); }, fa + "DataSize: dimension index 5 out of range (5 dimensions)"},
+      {[&] { layout.DataIncrement(1); }, ""},
+      {[&] { layout.DataIncrement(2); }, fa + "DataIncrement: data dimension index 2" + range2},
+      {[&] { layout.DataDimension(9); },
+       fa + "DataDimension: dimension index 9 out of range (5 dimensions)"},
+      {[&] { holed.ReformatData<float>(src.data(), 1, 2, nerva::InOrder, nullptr, pool); },
+       fa + "ReformatData: permutation entry 2 repeats the value 1"},
+      {[&] { plain.Stride(0); }, out + "Stride: the array has no strides"},
+      {[&] { strided.Stride(2); }, out + "Stride: data dimension index 2" + range2},
+      {[&] { bounds(emptyLasts); }, ""},
+      {[&] { bounds(fullLasts); },
+       out + "CopyDataBounds: stride 0 in data dimension 1 with the non-empty range [0, 5)"},
+      {[&] { unallocated.Reformat(nerva::ChainedFormat); },
+       out + "Reformat: the array has no data buffer (24 elements)"},
+      {[&] { plain.ConvolutionDescriptor(2, 3, 1, 6, 1); },
+       out + "ConvolutionDescriptor: data dimension index 2" + range2},
+      {[&] { plain.StridedConvolutionDescriptor(0, 3, 1, 6, 1); },
+       out + "StridedConvolutionDescriptor: the array has no strides"},
+      {[&] { strided.StridedConvolutionDescriptor(5, 3, 1, 6, 1); },
+       out + "StridedConvolutionDescriptor: data dimension index 5" + range2},
+      {[&] { plain.ConvolutionDescriptorND(extents, nullptr, extents, incs); }, ""},
+      {[&] { plain.ConvolutionDescriptorND(extents, incs, extents, nullptr); },
+       out + "ConvolutionDescriptorND: null input increments"},
+      {[&] { plain.StridedConvolutionDescriptorND(extents, incs, extents, incs); },
+       out + "StridedConvolutionDescriptorND: the array has no strides"},
+      {[&] { strided.StridedConvolutionDescriptorND(extents, nullptr, extents, incs); },
+       out + "StridedConvolutionDescriptorND: null window increments"},
+      {[&] { strided.StridedConvolutionDescriptorND(extents, incs, extents, nullptr); },
+       out + "StridedConvolutionDescriptorND: null input increments"},
+      {[&] { nerva::strided_copy_mapping(gridSizes, gridFirsts, gridEmpty, zeroLast, 2, fns); },
+       ""},
+      {[&] { nerva::strided_copy_mapping(gridSizes, gridFirsts, gridLasts, zeroLast, 2, fns); },
+       "strided_copy_mapping: increment 0 in dimension 1 with the non-empty range [2, 5)"},
+      {[&] { gather(gridLasts, zeroFirst); },
+       "strided_copy: increment 0 in dimension 0 with the range [0, 8)"},
+      {[&] { gather(gridEmpty, steps); },
+       "strided_copy: empty range [2, 2) with increment 2 in dimension 1"},
+      {[&] { permute(outside); }, "qel_permute::Permute: permutation entry 1 is 4, outside 1..3"},
+      {[&] { permute(twice); }, "qel_permute::Permute: permutation entry 2 repeats the value 3"},
+      {[&] { permute(zero); }, "qel_permute::Permute: permutation entry 0 is 0, outside 1..3"},
+  };
+  for (Case const& c : cases) {
+    try {
+      c.call();
+      EXPECT_EQ(c.message, "") << "no exception";
+    } catch (std::invalid_argument const& e) {
+      EXPECT_EQ(e.what(), c.message);
+    }
+  }
+  // The rejected reformats left their layouts as they were.
+  EXPECT_TRUE(unallocated.IsInKORVALFormat());
+  EXPECT_EQ(holed.ChannelDimension(), 0u);
+}
+
+}  // namespace
