@@ -18,6 +18,7 @@ template <class E>
 struct Avx2Base {
   using Elem = E;
   using Vec = __m256i;
+  static Vec load(Elem const* s) { return load256(s); }
   static void store(Elem* d, Vec v) { _mm256_storeu_si256(reinterpret_cast<__m256i*>(d), v); }
   static void stream(Elem* d, Vec v) { _mm256_stream_si256(reinterpret_cast<__m256i*>(d), v); }
   static void fence() { _mm_sfence(); }

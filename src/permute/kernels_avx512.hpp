@@ -32,6 +32,7 @@ template <class E>
 struct Avx512Base {
   using Elem = E;
   using Vec = __m512i;
+  static Vec load(Elem const* s) { return load512(s); }
   static void store(Elem* d, Vec v) { _mm512_storeu_si512(d, v); }
   static void stream(Elem* d, Vec v) { _mm512_stream_si512(reinterpret_cast<__m512i*>(d), v); }
   static void fence() { _mm_sfence(); }

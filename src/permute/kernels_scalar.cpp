@@ -22,6 +22,11 @@ struct ScalarKernel {
       for (std::size_t j = 0; j < kTile; ++j) move_element(&rows[j].e[i], s + i * sA + j);
     }
   }
+  static Vec load(Elem const* s) {
+    Vec v;
+    for (std::size_t i = 0; i < kTile; ++i) move_element(&v.e[i], s + i);
+    return v;
+  }
   static void store(Elem* d, Vec const& v) {
     for (std::size_t i = 0; i < kTile; ++i) move_element(d + i, &v.e[i]);
   }

@@ -21,6 +21,7 @@ struct Sse2Base {
   using Elem = E;
   using Vec = __m128i;
   using Small = void;
+  static Vec load(Elem const* s) { return load128(s); }
   static void store(Elem* d, Vec v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(d), v); }
   static void stream(Elem* d, Vec v) { _mm_stream_si128(reinterpret_cast<__m128i*>(d), v); }
   static void fence() { _mm_sfence(); }

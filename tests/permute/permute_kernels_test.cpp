@@ -156,4 +156,31 @@ TEST(PermuteKernels, StreamingStoresAtEveryAlignment) {
   }
 }
 
+TEST(PermuteKernels, StreamingRowsThatAreNotWholeLines) {
+  // Destination rows a few elements off whole lines each start at their own
+  // offset within a line: whole lines in between are streamed, the partial
+  // lines at the row ends get plain stores. Row lengths around one, two and
+  // many lines, row counts around the tile sizes, alone and batched.
+  for (Isa isa : supported_isas()) {
+    for (std::size_t width : {1, 4, 8}) {
+      std::mt19937_64 rng(41 + width);
+      std::size_t const line = 64 / width;
+      std::size_t const lengths[] = {line + 3,     2 * line - 1,        2 * line + 1, 3 * line + 5,
+                                     5 * line - 3, 7 * line + line / 2, 13 * line + 9};
+      for (std::size_t shift : {std::size_t{0}, width, 16 + width, 64 - width}) {
+        for (std::size_t a : lengths) {
+          for (std::size_t b : {1, 17, 65, 70}) {
+            check_isa(isa, width, {b, a}, {2, 1}, rng, 0, shift);
+            check_isa(isa, width, {b, 2, a}, {3, 2, 1}, rng, 0, shift);
+          }
+        }
+        // A padded 13 x 13 output and back, as in a layer step.
+        check_isa(isa, width, {16, 4, 13, 13}, {3, 4, 1, 2}, rng, 0, shift);
+        check_isa(isa, width, {13, 13, 16, 4}, {3, 4, 1, 2}, rng, 0, shift);
+        if (HasFailure()) return;
+      }
+    }
+  }
+}
+
 }  // namespace
