@@ -1,56 +1,95 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
-#include <cstring>
 #include <new>
 #include <random>
 #include <stdexcept>
 #include <vector>
 
 #include "nerva/copy.hpp"
-#include "selection.hpp"
 #include "support/counting_allocator.hpp"
 
 namespace {
 
-template <class T>
-std::vector<T> source_for(Selection const& s) {
-  std::vector<T> src(s.planeSize() * s.planes());
-  for (std::size_t i = 0; i < src.size(); ++i) src[i] = static_cast<T>(i * 7 % 253);
-  return src;
+using Block = std::unique_ptr<nerva::CNNMemoryBlock>;
+
+// A strided selection over the leading dimensions plus the two trailing
+// dimensions, which are taken whole.
+struct Selection {
+  std::vector<std::size_t> sizes;  // numDims + 2 entries
+  std::vector<std::size_t> firsts, lasts, increments;
+  std::size_t numDims() const { return firsts.size(); }
+  std::size_t planes() const { return sizes[numDims()] * sizes[numDims() + 1]; }
+  std::size_t planeSize() const {
+    std::size_t n = 1;
+    for (std::size_t i = 0; i < numDims(); ++i) n *= sizes[i];
+    return n;
+  }
+};
+
+// 0 to 6 dimensions of extent 1 to 16, each selection starting in the lower
+// third and mostly running far, with increments 1 to 3 (1 half the time); now
+// and then an empty dimension (first == last, increment 1). Trailing extents
+// 0 to 5.
+Selection random_selection(std::mt19937& rng) {
+  auto pick = [&rng](std::size_t lo, std::size_t hi) {
+    return std::uniform_int_distribution<std::size_t>(lo, hi)(rng);
+  };
+  Selection s;
+  for (std::size_t i = 0, n = pick(0, 6); i < n; ++i) {
+    std::size_t const size = pick(1, 16);
+    bool const empty = pick(0, 15) == 0;
+    std::size_t const first = empty ? pick(0, size) : pick(0, (size - 1) / 3);
+    s.sizes.push_back(size);
+    s.firsts.push_back(first);
+    s.lasts.push_back(empty ? first : pick(pick(first + 1, size), size));
+    s.increments.push_back(empty ? 1 : std::max<std::size_t>(1, pick(0, 3)));
+  }
+  s.sizes.push_back(pick(0, 5));
+  s.sizes.push_back(pick(1, 5));
+  return s;
 }
 
-// The gathered block written the plain way: planes outermost when the channel
-// is not at position 0, else each selected element is a run of `planes`.
-template <class T>
-std::vector<T> reference_gather(Selection const& s, std::vector<T> const& src,
-                                std::size_t channelDim) {
-  std::vector<std::size_t> const offsets = reference_offsets(s);
-  std::size_t const planes = s.planes(), planeSize = s.planeSize(), n = offsets.size();
-  std::vector<T> out(n * planes);
-  for (std::size_t p = 0; p < planes; ++p)
-    for (std::size_t k = 0; k < n; ++k) {
-      if (channelDim != 0)
-        out[p * n + k] = src[p * planeSize + offsets[k]];
-      else
-        out[k * planes + p] = src[offsets[k] * planes + p];
-    }
-  return out;
+// Offsets within one plane of the selected elements, dimension 0 fastest, by
+// nested loops over each dimension's selected indices, the last outermost.
+void collect(Selection const& s, std::size_t dims, std::size_t offset,
+             std::vector<std::size_t>& out) {
+  if (dims == 0) return out.push_back(offset);
+  std::size_t stride = 1;
+  for (std::size_t i = 0; i + 1 < dims; ++i) stride *= s.sizes[i];
+  for (std::size_t x = s.firsts[dims - 1]; x < s.lasts[dims - 1]; x += s.increments[dims - 1])
+    collect(s, dims - 1, offset + x * stride, out);
+}
+
+// Offsets, then strides, then counts, all checked against the nested loops.
+// With no dimensions the table is the offset 0 and the stride word 1.
+void expect_table(Selection const& s, std::vector<std::size_t> const& offsets, Block const& table) {
+  std::size_t const n = s.numDims();
+  ASSERT_EQ(table->allocated_size(), (offsets.size() + 2 * n + (n == 0)) * sizeof(std::size_t));
+  auto const* w = static_cast<std::size_t const*>(table->data);
+  for (std::size_t k = 0; k < offsets.size(); ++k) ASSERT_EQ(w[k], offsets[k]) << "offset " << k;
+  w += offsets.size();
+  EXPECT_EQ(w[0], 1u);  // the first stride, written even with no dimensions
+  for (std::size_t i = 0, stride = 1; i < n; stride *= s.sizes[i++]) {
+    std::size_t count = 0;
+    for (std::size_t x = s.firsts[i]; x < s.lasts[i]; x += s.increments[i]) ++count;
+    EXPECT_EQ(w[i], stride) << "stride " << i;
+    EXPECT_EQ(w[n + i], count) << "count " << i;
+  }
+}
+
+Block build(Selection const& s) {
+  return nerva::strided_copy_mapping(s.sizes.data(), s.firsts.data(), s.lasts.data(),
+                                     s.increments.data(), s.numDims(), counting::functions());
 }
 
 template <class T>
-std::unique_ptr<nerva::CNNMemoryBlock> gather(nerva::SharedMemoryPool& pool, Selection const& s,
-                                              std::vector<T> const& src, std::size_t channelDim,
-                                              std::size_t const* mapping = nullptr) {
+Block gather(nerva::SharedMemoryPool& pool, Selection const& s, std::vector<T> const& src,
+             std::size_t channelDim, Block const* table) {
   return nerva::strided_copy<T>(pool, src.data(), s.sizes.data(), s.firsts.data(), s.lasts.data(),
-                                s.increments.data(), s.numDims(), channelDim, mapping);
-}
-
-template <class T>
-void expect_block(nerva::CNNMemoryBlock const& block, std::vector<T> const& expected) {
-  ASSERT_EQ(block.allocated_size(), expected.size() * sizeof(T));
-  auto const* got = static_cast<T const*>(block.data);
-  for (std::size_t i = 0; i < expected.size(); ++i) ASSERT_EQ(got[i], expected[i]) << "at " << i;
+                                s.increments.data(), s.numDims(), channelDim,
+                                table ? static_cast<std::size_t const*>((*table)->data) : nullptr);
 }
 
 template <class T>
@@ -58,146 +97,61 @@ class StridedCopy : public ::testing::Test {};
 using Types = ::testing::Types<unsigned char, float, double>;
 TYPED_TEST_SUITE(StridedCopy, Types);
 
+// The table, and the gather in both layouts (planes outermost unless the
+// channel is at position 0) with a temporary table and with the caller's.
+// Empty selections and no planes still lease (and return) a 0-byte block.
 TYPED_TEST(StridedCopy, RandomShapesMatchTheNaiveGather) {
   using T = TypeParam;
   counting::LeakCheck check;
   nerva::SharedMemoryPool pool(counting::functions(), &counting::throwing_error);
   std::mt19937 rng(42);
-  for (int round = 0; round < 150; ++round) {
+  for (int round = 0; round < 300; ++round) {
     Selection s;
-    do s = random_selection(rng, 6, 7, 5);
-    while (s.planeSize() * s.planes() > 20000);
-    std::vector<T> const src = source_for<T>(s);
-    for (std::size_t channelDim : {std::size_t{0}, s.numDims()}) {
-      std::vector<T> const expected = reference_gather(s, src, channelDim);
-      auto block = gather(pool, s, src, channelDim);
-      ASSERT_NO_FATAL_FAILURE(expect_block(*block, expected)) << "round " << round;
+    do s = random_selection(rng);
+    while (s.planeSize() * std::max<std::size_t>(s.planes(), 1) > 20000);
+    std::size_t const planes = s.planes(), planeSize = s.planeSize();
+    std::vector<T> src(planeSize * planes);
+    for (std::size_t i = 0; i < src.size(); ++i) src[i] = static_cast<T>(i * 7 % 253);
+    std::vector<std::size_t> offsets;
+    collect(s, s.numDims(), 0, offsets);
+    Block const table = build(s);
+    ASSERT_NO_FATAL_FAILURE(expect_table(s, offsets, table)) << "round " << round;
+
+    std::size_t const n = offsets.size();
+    for (std::size_t channelDim : {0u, 1u}) {
+      std::vector<T> expected(n * planes);
+      for (std::size_t p = 0; p < planes; ++p)
+        for (std::size_t k = 0; k < n; ++k)
+          expected[channelDim ? p * n + k : k * planes + p] =
+              src[channelDim ? p * planeSize + offsets[k] : offsets[k] * planes + p];
+      Block block = gather(pool, s, src, channelDim, round % 2 ? &table : nullptr);
+      ASSERT_EQ(block->allocated_size(), expected.size() * sizeof(T)) << "round " << round;
+      ASSERT_TRUE(std::equal(expected.begin(), expected.end(), static_cast<T*>(block->data)))
+          << "round " << round << " channelDim " << channelDim;
       pool.checkin(std::move(block));
     }
   }
 }
 
-// A table built once serves several calls and is left as it was.
-TYPED_TEST(StridedCopy, ReusesAGivenMapping) {
-  using T = TypeParam;
+// A failed or throwing allocation (the temporary table's or the result's)
+// leaks nothing, and a table given by the caller stays alive.
+TEST(StridedCopy, FailedAllocationsLeakNothing) {
   counting::LeakCheck check;
   nerva::SharedMemoryPool pool(counting::functions(), &counting::throwing_error);
-  Selection const s{{37, 11, 9, 3, 4}, {1, 2, 0}, {37, 11, 9}, {3, 2, 4}};
-  std::vector<T> const src = source_for<T>(s);
-  auto table = nerva::strided_copy_mapping(s.sizes.data(), s.firsts.data(), s.lasts.data(),
-                                           s.increments.data(), 3, counting::functions());
-  std::vector<unsigned char> before(table->allocated_size());
-  std::memcpy(before.data(), table->data, before.size());
-  auto const* offsets = static_cast<std::size_t const*>(table->data);
-  for (std::size_t channelDim : {std::size_t{0}, std::size_t{3}}) {
-    auto block = gather(pool, s, src, channelDim, offsets);
-    ASSERT_NO_FATAL_FAILURE(expect_block(*block, reference_gather(s, src, channelDim)));
-  }
-  EXPECT_EQ(std::memcmp(before.data(), table->data, before.size()), 0);
-}
-
-// Runs longer than a copy chunk (channel innermost) and many planes whose
-// selection ends in a partial block of 256 (channel outermost).
-TYPED_TEST(StridedCopy, LongRunsAndPartialGatherBlocks) {
-  using T = TypeParam;
-  counting::LeakCheck check;
-  nerva::SharedMemoryPool pool(counting::functions(), &counting::throwing_error);
-  Selection const runs{{5, 3, 400, 400}, {0, 1}, {5, 3}, {2, 1}};  // 6 runs of 160000
-  std::vector<T> const a = source_for<T>(runs);
-  ASSERT_NO_FATAL_FAILURE(expect_block(*gather(pool, runs, a, 0), reference_gather(runs, a, 0)));
-  Selection const planes{{31, 41, 6, 7}, {0, 1}, {31, 41}, {1, 2}};  // 31 x 20 = 620 per plane
-  std::vector<T> const b = source_for<T>(planes);
-  ASSERT_NO_FATAL_FAILURE(
-      expect_block(*gather(pool, planes, b, 2), reference_gather(planes, b, 2)));
-}
-
-TYPED_TEST(StridedCopy, WholeSelectionIsTheSource) {
-  using T = TypeParam;
-  counting::LeakCheck check;
-  nerva::SharedMemoryPool pool(counting::functions(), &counting::throwing_error);
-  Selection const s{{4, 5, 6, 3, 2}, {0, 0, 0}, {4, 5, 6}, {1, 1, 1}};
-  std::vector<T> const src = source_for<T>(s);
-  for (std::size_t channelDim : {std::size_t{0}, std::size_t{3}})
-    ASSERT_NO_FATAL_FAILURE(expect_block(*gather(pool, s, src, channelDim), src));
-}
-
-TYPED_TEST(StridedCopy, NoDimensionsCopyTheFirstPlanes) {
-  using T = TypeParam;
-  counting::LeakCheck check;
-  nerva::SharedMemoryPool pool(counting::functions(), &counting::throwing_error);
-  Selection const s{{3, 5}, {}, {}, {}};
-  std::vector<T> const src = source_for<T>(s);
-  for (std::size_t channelDim : {std::size_t{0}, std::size_t{1}})
-    ASSERT_NO_FATAL_FAILURE(expect_block(*gather(pool, s, src, channelDim), src));
-}
-
-// An empty selection or no planes still leases (and returns) a 0-byte block.
-TYPED_TEST(StridedCopy, EmptySelectionsGiveEmptyBlocks) {
-  using T = TypeParam;
-  counting::LeakCheck check;
-  nerva::SharedMemoryPool pool(counting::functions(), &counting::throwing_error);
-  Selection const none{{6, 6, 2, 2}, {2, 1}, {2, 5}, {1, 1}};
-  Selection const flat{{6, 6, 0, 2}, {0, 1}, {6, 5}, {2, 3}};
-  for (Selection const& s : {none, flat}) {
-    std::vector<T> const src(72, T(1));
-    for (std::size_t channelDim : {std::size_t{0}, std::size_t{2}}) {
-      auto block = gather(pool, s, src, channelDim);
-      EXPECT_EQ(block->allocated_size(), 0u);
+  Selection const s{{20, 20, 8, 4}, {0, 1}, {20, 20}, {2, 3}};
+  std::vector<float> const src(20 * 20 * 8 * 4, 1.0f);
+  Block const table = build(s);
+  for (bool given : {false, true})
+    for (std::size_t channelDim : {0u, 2u}) {
+      std::size_t const lease = given ? 1 : 2;  // the allocation that leases the result
+      counting::fail_at(lease);
+      EXPECT_THROW(gather(pool, s, src, channelDim, given ? &table : nullptr), std::runtime_error);
+      for (std::size_t k = 1; k <= lease; ++k) {
+        counting::throw_at(k);
+        EXPECT_THROW(gather(pool, s, src, channelDim, given ? &table : nullptr), std::bad_alloc);
+      }
+      EXPECT_EQ(counting::live_blocks(), 1u);
     }
-  }
-}
-
-TEST(StridedCopyMemory, TemporaryMappingIsFreedAndOnlyTheResultLives) {
-  counting::LeakCheck check;
-  nerva::SharedMemoryPool pool(counting::functions(), &counting::throwing_error);
-  Selection const s{{20, 20, 8, 4}, {0, 1}, {20, 20}, {2, 3}};
-  std::vector<float> const src = source_for<float>(s);
-  auto block = gather(pool, s, src, 2);
-  EXPECT_EQ(counting::stats().allocations, 2u);  // mapping, result
-  EXPECT_EQ(counting::live_blocks(), 1u);
-  EXPECT_EQ(counting::live_bytes(), block->allocated_size());
-}
-
-TEST(StridedCopyMemory, FailedLeaseReleasesTheTemporaryMapping) {
-  counting::LeakCheck check;
-  nerva::SharedMemoryPool pool(counting::functions(), &counting::throwing_error);
-  Selection const s{{20, 20, 8, 4}, {0, 1}, {20, 20}, {2, 3}};
-  std::vector<double> const src = source_for<double>(s);
-  counting::fail_above(4096);  // the table fits, the result does not
-  for (std::size_t channelDim : {std::size_t{0}, std::size_t{2}}) {
-    try {
-      gather(pool, s, src, channelDim);
-      ADD_FAILURE() << "no error reported";
-    } catch (std::runtime_error const& e) {
-      EXPECT_STREQ(e.what(), "Out of memory.");
-    }
-    EXPECT_EQ(counting::live_blocks(), 0u);
-  }
-}
-
-TEST(StridedCopyMemory, ThrowingAllocatorLeaksNothing) {
-  counting::LeakCheck check;
-  nerva::SharedMemoryPool pool(counting::functions(), &counting::throwing_error);
-  Selection const s{{20, 20, 8, 4}, {0, 1}, {20, 20}, {2, 3}};
-  std::vector<float> const src = source_for<float>(s);
-  counting::throw_at(1);  // building the table
-  EXPECT_THROW(gather(pool, s, src, 0), std::bad_alloc);
-  counting::throw_at(2);  // leasing the result
-  EXPECT_THROW(gather(pool, s, src, 2), std::bad_alloc);
-  EXPECT_EQ(counting::live_blocks(), 0u);
-}
-
-TEST(StridedCopyMemory, GivenMappingSurvivesAFailedLease) {
-  counting::LeakCheck check;
-  nerva::SharedMemoryPool pool(counting::functions(), &counting::throwing_error);
-  Selection const s{{20, 20, 8, 4}, {0, 1}, {20, 20}, {2, 3}};
-  std::vector<unsigned char> const src = source_for<unsigned char>(s);
-  auto table = nerva::strided_copy_mapping(s.sizes.data(), s.firsts.data(), s.lasts.data(),
-                                           s.increments.data(), 2, counting::functions());
-  counting::fail_above(2000);
-  EXPECT_THROW(gather(pool, s, src, 2, static_cast<std::size_t const*>(table->data)),
-               std::runtime_error);
-  EXPECT_EQ(counting::live_blocks(), 1u);
 }
 
 }  // namespace
