@@ -44,7 +44,7 @@ void simple_copy_and_fill(int t) {
 }
 
 void strided_copy(SharedMemoryPool& pool, std::mt19937& rng, std::size_t channelDim) {
-  Selection const s = random_selection(rng, 3, 40, 6);
+  Selection const s = random_selection(rng);
   std::vector<std::size_t> const offsets = reference_offsets(s);
   std::size_t const k = offsets.size(), planes = s.planes();
   auto const src = ramp<double>(s.planeSize() * planes, 3);
