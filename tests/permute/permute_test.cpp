@@ -1,110 +1,167 @@
-// Permute<N> through its public entry point against the naive reference.
+// Permute<N>, its planner and the transpose kernels of every instruction set
+// this CPU runs, against the naive reference.
 #include "qel_permute/permute.hpp"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <random>
+#include <utility>
 #include <vector>
 
+#include "permute/dispatch.hpp"
+#include "permute/execute.hpp"
+#include "permute/plan.hpp"
 #include "permute_reference.hpp"
 
 namespace {
 
-using namespace permute_test;
+using Sizes = std::vector<std::size_t>;
+using Case = std::pair<Sizes, Sizes>;  // sizes, permutation
+using qel_permute::detail::Isa;
 
-void permute_public(std::size_t width, void const* src, void* dst, std::size_t n,
-                    std::size_t const* sizes, std::size_t const* perm) {
-  switch (width) {
-    case 1:
-      qel_permute::Permute<1>(src, dst, n, sizes, perm, nullptr, nullptr);
-      break;
-    case 4:
-      qel_permute::Permute<4>(src, dst, n, sizes, perm, nullptr, nullptr);
-      break;
-    default:
-      qel_permute::Permute<8>(src, dst, n, sizes, perm, nullptr, nullptr);
-      break;
+// Permutes random bytes through Permute<width> (isa < 0) or the kernels of
+// one instruction set, with streaming stores on every transpose if asked, into
+// a destination `shift` bytes off its natural alignment; the destination and
+// the guard bytes around it must match the reference byte for byte.
+::testing::AssertionResult check(std::size_t width, Case const& c, std::mt19937_64& rng,
+                                 int isa = -1, bool stream = false, std::size_t shift = 0) {
+  auto const& [sizes, perm] = c;
+  std::size_t const guard = 256 + shift, n = sizes.size();
+  std::size_t bytes = width;
+  for (std::size_t s : sizes) bytes *= s;
+  std::vector<unsigned char> src(bytes + 8), want(bytes + 2 * guard, 0xA5), got(want);
+  for (std::size_t i = 0; i < bytes; i += 8) {
+    std::uint64_t const r = rng();
+    std::memcpy(&src[i], &r, 8);
+  }
+  permute_test::reference_permute(width, src.data(), want.data() + guard, sizes, perm);
+  if (isa < 0) {
+    auto const f = width == 1   ? &qel_permute::Permute<1>
+                   : width == 4 ? &qel_permute::Permute<4>
+                                : &qel_permute::Permute<8>;
+    f(src.data(), got.data() + guard, n, sizes.data(), perm.data(), nullptr, nullptr);
+  } else {
+    qel_permute::detail::permute(static_cast<Isa>(isa), width, src.data(), got.data() + guard, n,
+                                 sizes.data(), perm.data(), stream ? 0 : SIZE_MAX);
+  }
+  if (got == want) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure()
+         << "isa " << isa << ", width " << width << ", stream " << stream << ", shift " << shift
+         << ", sizes " << ::testing::PrintToString(sizes) << ", permutation "
+         << ::testing::PrintToString(perm);
+}
+
+// 1 to 8 dimensions, at most 6000 elements: mostly small extents, some of 1,
+// some beyond a tile (rarely a multiple of one), rarely 0.
+Case random_case(std::mt19937_64& rng) {
+  Case c;
+  std::size_t total = 1;
+  for (std::size_t d = 0, rank = 1 + rng() % 8; d < rank; ++d) {
+    std::size_t const kind = rng() % 8;
+    std::size_t const e = kind == 0   ? 1
+                          : kind == 1 ? (rng() % 40 == 0 ? 0 : 1 + rng() % 3)
+                          : kind == 2 ? 1 + rng() % 70
+                                      : 1 + rng() % 12;
+    c.first.push_back(std::min(e, std::max<std::size_t>(1, 6000 / total)));
+    total *= std::max<std::size_t>(1, c.first.back());
+    c.second.push_back(d + 1);
+  }
+  std::shuffle(c.second.begin(), c.second.end(), rng);
+  return c;
+}
+
+TEST(PermutePlan, DropsUnitDimensionsAndFusesNeighbours) {
+  struct Row {
+    Case c;
+    std::vector<std::pair<std::size_t, std::size_t>> dims;  // extent, source stride; {0, 0}: empty
+  } const rows[] = {
+      // KORVAL to chained is one matrix transpose.
+      {{{56, 56, 64, 32, 1}, {3, 4, 1, 2, 5}}, {{2048, 3136}, {3136, 1}}},
+      // The channel/observation swap keeps whole images as runs.
+      {{{56, 56, 64, 32, 1}, {1, 2, 4, 3, 5}}, {{3136, 1}, {32, 200704}, {64, 3136}}},
+      // Dimensions 1 and 3 are neighbours once the unit dimension between them is gone.
+      {{{4, 1, 5, 6}, {4, 2, 1, 3}}, {{6, 20}, {20, 1}}},
+      {{{1, 1, 1}, {2, 3, 1}}, {}},
+      {{{3, 0, 2}, {2, 3, 1}}, {{0, 0}}},
+  };
+  for (Row const& r : rows) {
+    qel_permute::detail::Dim dims[5];
+    auto const plan =
+        qel_permute::detail::make_plan(r.c.first.size(), r.c.first.data(), r.c.second.data(), dims);
+    std::vector<std::pair<std::size_t, std::size_t>> got;
+    if (plan.empty) got.emplace_back(0, 0);
+    for (std::size_t i = 0; !plan.empty && i < plan.rank; ++i) {
+      got.emplace_back(dims[i].extent, dims[i].srcStride);
+    }
+    EXPECT_EQ(got, r.dims) << ::testing::PrintToString(r.c.first);
   }
 }
 
-// Permutes random data and compares every byte with the reference; the bytes
-// around the destination must stay untouched.
-void check_case(std::size_t width, std::vector<std::size_t> const& sizes,
-                std::vector<std::size_t> const& perm, std::mt19937_64& rng) {
-  std::size_t const bytes = element_count(sizes) * width;
-  Bytes const src = random_bytes(bytes, rng);
-  Bytes expected(bytes);
-  reference_permute(width, src.data(), expected.data(), sizes, perm);
-  GuardedBuffer dst(bytes);
-  permute_public(width, src.data(), dst.data(), sizes.size(), sizes.data(), perm.data());
-  SCOPED_TRACE(::testing::Message() << "width " << width << ", " << sizes.size() << " dims");
-  EXPECT_TRUE(dst.equals(expected));
-  EXPECT_TRUE(dst.guards_intact());
+// Each width through the public entry: random shapes, zero extents, a single
+// element, an identity, many dimensions, and the layer-step reformats the
+// benchmark measures (large enough to stream).
+TEST(Permute, MatchesReference) {
+  // 17 dimensions that no fusion removes: more than the stack storage holds.
+  Case many{Sizes(20, 2), Sizes(20)};
+  for (std::size_t d = 0; d < 20; ++d) many.second[d] = 20 - d;
+  many.first[2] = many.first[7] = many.first[11] = 1;
+  std::swap(many.second[3], many.second[9]);
+  Sizes const korval{56, 56, 64, 32, 1}, toChained{3, 4, 1, 2, 5};
+  std::vector<Case> const fixed = {{{5, 0, 3}, {3, 1, 2}},
+                                   {{0}, {1}},
+                                   {{1, 1, 1, 1}, {4, 2, 3, 1}},
+                                   {{7, 5, 3, 2}, {1, 2, 3, 4}},
+                                   many,
+                                   {korval, toChained},
+                                   {korval, {1, 2, 4, 3, 5}},
+                                   {{64, 32, 56, 56, 1}, toChained},
+                                   {{7, 7, 512, 64, 1}, toChained},
+                                   {{224, 224, 3, 16, 1}, toChained},
+                                   {korval, {3, 4, 2, 1, 5}}};
+  for (std::size_t width : {1, 4, 8}) {
+    std::mt19937_64 rng(1234 + width);
+    for (int i = 0; i < 300; ++i) ASSERT_TRUE(check(width, random_case(rng), rng));
+    for (Case const& c : fixed) ASSERT_TRUE(check(width, c, rng));
+  }
 }
 
-class PermuteWidth : public ::testing::TestWithParam<std::size_t> {};
-
-TEST_P(PermuteWidth, RandomShapesMatchReference) {
-  std::mt19937_64 rng(1234 + GetParam());
-  for (int i = 0; i < 300; ++i) {
-    Case const c = random_case(rng, 8, 6000);
-    check_case(GetParam(), c.sizes, c.permutation, rng);
-    if (HasFailure()) {
-      ADD_FAILURE() << "failed at random case " << i;
-      return;
+// Every instruction set this CPU runs, each width: random shapes, runs of 4
+// or 8 bytes that move as wider elements, padded 13 x 13 images as in a layer
+// step, and transposes whose sides straddle the tile, line and block sizes,
+// alone and batched. Each runs with plain stores, and with streaming stores
+// forced at a destination offset that cycles through a 64-byte line; rows
+// that are not whole lines take the staged streaming walk.
+TEST(PermuteKernels, EveryInstructionSetMatchesReference) {
+  for (int isa = 0; isa < 4; ++isa) {
+    if (!qel_permute::detail::isa_supported(static_cast<Isa>(isa))) continue;
+    for (std::size_t w : {1, 4, 8}) {
+      std::mt19937_64 rng(99 + 8 * isa + w);
+      std::vector<Case> cases = {
+          {{4, 37, 50}, {1, 3, 2}},        {{8, 50, 37}, {1, 3, 2}},
+          {{2, 70, 3, 45}, {1, 4, 3, 2}},  {{2, 2, 30, 40}, {1, 2, 4, 3}},
+          {{16, 4, 13, 13}, {3, 4, 1, 2}}, {{13, 13, 16, 4}, {3, 4, 1, 2}},
+      };
+      for (int i = 0; i < 120; ++i) cases.push_back(random_case(rng));
+      std::size_t const l = 64 / w;  // elements per line
+      for (std::size_t a : {std::size_t{1}, std::size_t{3}, l / 2 + 1, l - 1, l, l + 3, 2 * l - 1,
+                            2 * l, 2 * l + 1, 3 * l + 5, 5 * l - 3}) {
+        for (std::size_t b : {1, 3, 17, 33, 64, 65, 130}) {
+          cases.push_back({{b, a}, {2, 1}});
+          cases.push_back({{b, 3, a}, {3, 2, 1}});
+          cases.push_back({{b, a, 2}, {2, 3, 1}});
+        }
+      }
+      std::size_t const shifts[] = {0, w, 3 * w, 16 + w, 64 - w};
+      for (std::size_t k = 0; k < cases.size(); ++k) {
+        ASSERT_TRUE(check(w, cases[k], rng, isa, false, shifts[k % 5]));
+        ASSERT_TRUE(check(w, cases[k], rng, isa, true, shifts[k % 5]));
+      }
     }
   }
 }
-
-TEST_P(PermuteWidth, ZeroExtentWritesNothing) {
-  std::mt19937_64 rng(7);
-  check_case(GetParam(), {5, 0, 3}, {3, 1, 2}, rng);
-  check_case(GetParam(), {0}, {1}, rng);
-  check_case(GetParam(), {4, 6, 0}, {1, 2, 3}, rng);
-}
-
-TEST_P(PermuteWidth, SingleDimensionAndSingleElement) {
-  std::mt19937_64 rng(8);
-  check_case(GetParam(), {1}, {1}, rng);
-  check_case(GetParam(), {1000}, {1}, rng);
-  check_case(GetParam(), {1, 1, 1, 1}, {4, 2, 3, 1}, rng);
-}
-
-TEST_P(PermuteWidth, IdentityIsACopy) {
-  std::mt19937_64 rng(9);
-  check_case(GetParam(), {7, 5, 3, 2}, {1, 2, 3, 4}, rng);
-}
-
-TEST_P(PermuteWidth, ManyDimensions) {
-  // More dimensions than the planner keeps on the stack.
-  std::mt19937_64 rng(10);
-  std::vector<std::size_t> sizes(20, 1), perm(20);
-  sizes[2] = 3;
-  sizes[7] = 2;
-  sizes[11] = 5;
-  sizes[19] = 2;
-  sizes[15] = 4;
-  for (std::size_t d = 0; d < 20; ++d) perm[d] = 20 - d;
-  check_case(GetParam(), sizes, perm, rng);
-  std::swap(perm[3], perm[9]);
-  check_case(GetParam(), sizes, perm, rng);
-}
-
-// The layer-step reformats measured by the benchmark: KORVAL to chained,
-// channel/observation swap, chained to KORVAL, small and large images, and
-// the two data dimensions swapped.
-TEST_P(PermuteWidth, LayerReformats) {
-  std::mt19937_64 rng(11);
-  using V = std::vector<std::size_t>;
-  check_case(GetParam(), V{56, 56, 64, 32, 1}, V{3, 4, 1, 2, 5}, rng);
-  check_case(GetParam(), V{56, 56, 64, 32, 1}, V{1, 2, 4, 3, 5}, rng);
-  check_case(GetParam(), V{64, 32, 56, 56, 1}, V{3, 4, 1, 2, 5}, rng);
-  check_case(GetParam(), V{7, 7, 512, 64, 1}, V{3, 4, 1, 2, 5}, rng);
-  check_case(GetParam(), V{224, 224, 3, 16, 1}, V{3, 4, 1, 2, 5}, rng);
-  check_case(GetParam(), V{56, 56, 64, 32, 1}, V{3, 4, 2, 1, 5}, rng);
-}
-
-INSTANTIATE_TEST_SUITE_P(Widths, PermuteWidth, ::testing::Values(1, 4, 8));
 
 }  // namespace
