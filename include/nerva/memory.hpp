@@ -1,11 +1,11 @@
 #pragma once
 
+#include <oneapi/tbb/mutex.h>
+
 #include <atomic>
 #include <cstddef>
 #include <memory>
 #include <vector>
-
-#include <oneapi/tbb/mutex.h>
 
 #include "nerva/detail/export.hpp"
 

@@ -18,7 +18,7 @@ struct Stats {
   std::size_t null_frees;     // deallocate(nullptr) calls
   std::size_t live_blocks;
   std::size_t live_bytes;
-  std::size_t bad_frees;      // pointers we never made, or freed twice
+  std::size_t bad_frees;  // pointers we never made, or freed twice
 };
 
 // Clears counters and failure settings. Fails the test if blocks are live.
