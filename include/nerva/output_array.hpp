@@ -111,10 +111,10 @@ class NERVA_API FormattedOutputArray : public FormattedArray {
   std::unique_ptr<CNNMemoryBlock> allocated_block;
   std::unique_ptr<CNNMemoryBlock> staging_block;
   std::unique_ptr<CNNMemoryBlock> bounds_block;
-  size_t* firsts;
-  size_t* lasts;
-  size_t* strides;
-  size_t* padding;
+  size_t* firsts = nullptr;
+  size_t* lasts = nullptr;
+  size_t* strides = nullptr;
+  size_t* padding = nullptr;
 
  private:
   void* CurrentData() const {

@@ -17,11 +17,7 @@ FormattedOutputArray<T>::FormattedOutputArray(SharedMemoryPool& pool_, Formatted
     : FormattedArray(format->NumDataDimensions(), format->ChannelDimension(),
                      format->ObservationDimension(), format->SequenceDimension(),
                      pool_.allocator_functions, format->BaseIncrement()),
-      pool(&pool_),
-      firsts(nullptr),
-      lasts(nullptr),
-      strides(nullptr),
-      padding(nullptr) {
+      pool(&pool_) {
   BoundsFromSizes(format->GetSizesInDefaultFormat());
   SetSizesAndAllocate(format->NumChannels(), format->NumObservations(), how);
 }
@@ -33,11 +29,7 @@ FormattedOutputArray<T>::FormattedOutputArray(SharedMemoryPool& pool_, size_t co
                                               size_t observation_position, AllocateOutputAs how)
     : FormattedArray(num_data_dims_, channel_position, observation_position, num_data_dims_ + 2,
                      pool_.allocator_functions, 1),
-      pool(&pool_),
-      firsts(nullptr),
-      lasts(nullptr),
-      strides(nullptr),
-      padding(nullptr) {
+      pool(&pool_) {
   BoundsFromSizes(data_sizes);
   SetSizeArray(num_channels, num_observations);
   SetSizesAndAllocate(num_channels, num_observations, how);
@@ -52,11 +44,7 @@ FormattedOutputArray<T>::FormattedOutputArray(SharedMemoryPool& pool_, size_t co
                                               AllocateOutputAs how)
     : FormattedArray(num_data_dims_, channel_position, observation_position, num_data_dims_ + 2,
                      pool_.allocator_functions, 1),
-      pool(&pool_),
-      firsts(nullptr),
-      lasts(nullptr),
-      strides(nullptr),
-      padding(nullptr) {
+      pool(&pool_) {
   CopyDataBounds(firsts_, lasts_, strides_, padding_);
   SetSizesAndAllocate(num_channels, num_observations, how);
 }
@@ -76,11 +64,7 @@ FormattedOutputArray<T>::FormattedOutputArray(SharedMemoryPool& pool_,
     : FormattedArray(source->NumDataDimensions(), source->ChannelDimension(),
                      source->ObservationDimension(), source->SequenceDimension(),
                      pool_.allocator_functions, source->BaseIncrement()),
-      pool(&pool_),
-      firsts(nullptr),
-      lasts(nullptr),
-      strides(nullptr),
-      padding(nullptr) {
+      pool(&pool_) {
   CopyDataBounds(source->firsts, source->lasts, source->strides, source->padding);
   SetSizeArray(source->NumChannels(), source->NumObservations());
   allocated_block = source->Relinquish();
@@ -93,11 +77,7 @@ FormattedOutputArray<T>::FormattedOutputArray(SharedMemoryPool& pool_,
     : FormattedArray(like->NumDataDimensions(), like->ChannelDimension(),
                      like->ObservationDimension(), like->SequenceDimension(),
                      AllocatorFunctions{&std::malloc, &std::free}, 1),
-      pool(&pool_),
-      firsts(nullptr),
-      lasts(nullptr),
-      strides(nullptr),
-      padding(nullptr) {
+      pool(&pool_) {
   CopyDataBounds(like->firsts, like->lasts, like->strides, like->padding);
   SetSizeArray(like->NumChannels(), num_observations);
   const size_t bytes = TotalNumElem() * sizeof(T);
