@@ -1,5 +1,6 @@
 #include <utility>
 
+#include "detail/sampled_count.hpp"
 #include "nerva/copy.hpp"
 #include "nerva/input_array.hpp"
 
@@ -16,15 +17,8 @@ void FormattedInputArray<T>::Subsample(const size_t* firsts, const size_t* lasts
   if (reformatted) pool->checkin(std::move(reformatted));
   reformatted = std::move(gathered);
 
-  for (size_t d = 0; d < num_data_dims; ++d) {
-    if (lasts[d] <= firsts[d]) {
-      sizes[d] = 0;
-    } else if (increments[d] == 1) {
-      sizes[d] = lasts[d] - firsts[d];
-    } else {
-      sizes[d] = (lasts[d] - 1 - firsts[d]) / increments[d] + 1;
-    }
-  }
+  for (size_t d = 0; d < num_data_dims; ++d)
+    sizes[d] = detail::SampledCount(firsts[d], lasts[d], increments[d]);
   UpdateDataIncrements();
   uses_reformatted = reformatted != nullptr;
 }

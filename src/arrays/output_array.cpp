@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "copy/simple_copy.hpp"
+#include "detail/sampled_count.hpp"
 
 // Construction, sizing, allocation and hand-over of output buffers. Every
 // constructor builds the base first and then its holders in declaration
@@ -112,14 +113,7 @@ void FormattedOutputArray<T>::SetSizeArray(size_t num_channels, size_t num_obser
   sizes[n + 1] = num_observations;
   sizes[n + 2] = 1;
   for (size_t i = 0; i < n; ++i) {
-    size_t count;
-    if (lasts[i] <= firsts[i]) {
-      count = 0;
-    } else if (strides == nullptr || strides[i] == 1) {
-      count = lasts[i] - firsts[i];
-    } else {
-      count = (lasts[i] - 1 - firsts[i]) / strides[i] + 1;
-    }
+    size_t count = detail::SampledCount(firsts[i], lasts[i], strides ? strides[i] : 1);
     if (padding != nullptr) count += padding[i] + padding[n + i];
     sizes[i] = count;
   }

@@ -3,6 +3,7 @@
 
 #include "convolution/strided_end.hpp"
 #include "detail/checks.hpp"
+#include "detail/sampled_count.hpp"
 #include "nerva/output_array.hpp"
 
 namespace nerva {
@@ -108,7 +109,7 @@ FormattedOutputArray<T>::StridedConvolutionDescriptorND(size_t const* windowExte
   std::unique_ptr<size_t[]> sampled(new size_t[n]);
   for (size_t d = 0; d < n; ++d) {
     record->lasts[d] = TightenedLast(record->firsts[d], record->lasts[d], record->strides[d]);
-    sampled[d] = SampledCount(record->firsts[d], record->lasts[d], record->strides[d]);
+    sampled[d] = detail::SampledCount(record->firsts[d], record->lasts[d], record->strides[d]);
   }
   record->SetDenseIncrements(sampled.get());
 

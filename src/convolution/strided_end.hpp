@@ -16,11 +16,4 @@ inline std::size_t TightenedLast(std::size_t first, std::size_t last, std::size_
   return std::max(last, r - 1) - (r - 1);
 }
 
-// Number of positions first, first + s, ... below last.
-inline std::size_t SampledCount(std::size_t first, std::size_t last, std::size_t s) {
-  if (first >= last) return 0;
-  if (s == 1) return last - first;
-  return (last - 1 - first) / s + 1;
-}
-
 }  // namespace nerva
