@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "../tests/permute/permute_reference.hpp"
-#include "fuzz_input.hpp"
+#include "fuzz_support.hpp"
 #include "permute/dispatch.hpp"
 #include "permute/execute.hpp"
 #include "qel_permute/permute.hpp"
@@ -19,11 +19,9 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   std::size_t const widths[] = {1, 4, 8}, width = widths[route];
   std::size_t const n = in.in(1, 7);
   std::vector<std::size_t> sizes(n), perm(n);
-  std::size_t total = 1;
+  std::size_t total = 1, room = 65536;  // extents up to 300 (0 allowed), 65536 elements in all
   for (std::size_t i = 0; i < n; ++i) {
-    // Extents up to 300 but at most 65536 elements in all; 0 is allowed.
-    sizes[i] = in.in(0, total == 0 ? 300 : std::min<std::size_t>(300, 65536 / total));
-    total *= sizes[i];
+    total *= sizes[i] = in.extent(0, 300, room);
     perm[i] = i + 1;
   }
   for (std::size_t i = n; i > 1; --i) std::swap(perm[i - 1], perm[in.in(0, i - 1)]);

@@ -10,65 +10,50 @@
 #include <vector>
 
 #include "../tests/copy/selection.hpp"
-#include "counting_heap.hpp"
-#include "fuzz_input.hpp"
+#include "fuzz_support.hpp"
 #include "nerva/copy.hpp"
-#include "nerva/memory.hpp"
-
-namespace {
-
-template <class T>
-void run(FuzzInput& in, Selection const& s, std::size_t channelDim) {
-  std::size_t const n = s.numDims(), planeSize = s.planeSize(), planes = s.planes();
-  std::vector<T> src(planeSize * planes);
-  for (std::size_t i = 0; i < src.size(); ++i) src[i] = static_cast<T>(i * 37 + 11);
-  std::vector<std::size_t> const offsets = reference_offsets(s);
-  std::size_t const k = offsets.size();
-  {
-    nerva::SharedMemoryPool pool(counting_heap::functions(), &counting_heap::abort_on_error);
-    std::unique_ptr<nerva::CNNMemoryBlock> mapping;
-    if (in.byte() % 2 == 1) {
-      mapping = nerva::strided_copy_mapping(s.sizes.data(), s.firsts.data(), s.lasts.data(),
-                                            s.increments.data(), n, counting_heap::functions());
-      auto const* table = static_cast<std::size_t const*>(mapping->data);
-      FUZZ_CHECK(std::equal(offsets.begin(), offsets.end(), table));
-    }
-    auto block = nerva::strided_copy<T>(
-        pool, src.data(), s.sizes.data(), s.firsts.data(), s.lasts.data(), s.increments.data(), n,
-        channelDim, mapping ? static_cast<std::size_t const*>(mapping->data) : nullptr);
-    FUZZ_CHECK(block->allocated_size() == k * planes * sizeof(T));
-    auto const* got = static_cast<T const*>(block->data);
-    for (std::size_t p = 0; p < planes; ++p)
-      for (std::size_t j = 0; j < k; ++j)
-        FUZZ_CHECK(channelDim != 0 ? got[p * k + j] == src[p * planeSize + offsets[j]]
-                                   : got[j * planes + p] == src[offsets[j] * planes + p]);
-    if (in.byte() % 2 == 1) pool.checkin(std::move(block));
-  }
-  FUZZ_CHECK(counting_heap::live() == 0);
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   FuzzInput in(data, size);
   Selection s;
   std::size_t const n = in.in(0, 5);
-  std::size_t total = 1;
-  for (std::size_t i = 0; i < n + 2; ++i) {
-    // Selected dimensions are non-empty (callers guarantee a selection in each); the trailing two
-    // may be 0. At most 65536 elements in all.
-    std::size_t const cap = std::max<std::size_t>(1, std::min<std::size_t>(64, 65536 / total));
-    s.sizes.push_back(in.in(i < n ? 1 : 0, cap));
-    total *= std::max<std::size_t>(s.sizes.back(), 1);
-  }
+  // Selected dimensions are non-empty (callers guarantee a selection in each); the trailing two
+  // may be 0. At most 65536 elements in all.
+  std::size_t room = 65536;
+  for (std::size_t i = 0; i < n + 2; ++i) s.sizes.push_back(in.extent(i < n ? 1 : 0, 64, room));
   for (std::size_t i = 0; i < n; ++i) {
     s.firsts.push_back(in.in(0, s.sizes[i] - 1));
     s.lasts.push_back(in.in(s.firsts[i] + 1, s.sizes[i]));
     s.increments.push_back(in.in(1, 9));
   }
-  std::size_t const channelDim = in.in(0, 2);
-  void (*const runs[])(FuzzInput&, Selection const&, std::size_t) = {&run<double>, &run<float>,
-                                                                     &run<unsigned char>};
-  runs[in.in(0, 2)](in, s, channelDim);
+  std::size_t const channelDim = in.in(0, 2), planeSize = s.planeSize(), planes = s.planes();
+  std::vector<std::size_t> const offsets = reference_offsets(s);
+  std::size_t const k = offsets.size();
+  with_type<double, float, unsigned char>(in.in(0, 2), [&](auto zero) {
+    using T = decltype(zero);
+    std::vector<T> src(planeSize * planes);
+    for (std::size_t i = 0; i < src.size(); ++i) src[i] = static_cast<T>(i * 37 + 11);
+    {
+      nerva::SharedMemoryPool pool(counting_heap(), &abort_on_error);
+      std::unique_ptr<nerva::CNNMemoryBlock> mapping;
+      if (in.byte() % 2 == 1) {
+        mapping = nerva::strided_copy_mapping(s.sizes.data(), s.firsts.data(), s.lasts.data(),
+                                              s.increments.data(), n, counting_heap());
+        auto const* table = static_cast<std::size_t const*>(mapping->data);
+        FUZZ_CHECK(std::equal(offsets.begin(), offsets.end(), table));
+      }
+      auto block = nerva::strided_copy<T>(
+          pool, src.data(), s.sizes.data(), s.firsts.data(), s.lasts.data(), s.increments.data(), n,
+          channelDim, mapping ? static_cast<std::size_t const*>(mapping->data) : nullptr);
+      FUZZ_CHECK(block->allocated_size() == k * planes * sizeof(T));
+      auto const* got = static_cast<T const*>(block->data);
+      for (std::size_t p = 0; p < planes; ++p)
+        for (std::size_t j = 0; j < k; ++j)
+          FUZZ_CHECK(channelDim != 0 ? got[p * k + j] == src[p * planeSize + offsets[j]]
+                                     : got[j * planes + p] == src[offsets[j] * planes + p]);
+      if (in.byte() % 2 == 1) pool.checkin(std::move(block));
+    }
+    FUZZ_CHECK(live_blocks == 0);
+  });
   return 0;
 }

@@ -1,0 +1,538 @@
+// Input and output arrays: the worked cases of each operation, one layer step
+// end to end, and every allocation of both sides made to fail in turn.
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "nerva/input_array.hpp"
+#include "nerva/output_array.hpp"
+#include "support/counting_allocator.hpp"
+
+namespace {
+
+using namespace nerva;
+
+// The check comes first so that the pool's idle blocks are freed before it.
+struct Pooled {
+  counting::LeakCheck check;
+  SharedMemoryPool pool{counting::functions(), &counting::throwing_error};
+};
+
+// The shape of the layer step, the fault injection and the output reformats.
+// Input: W x H data, C channels, N observations (4096 elements, so that the
+// data blocks of every element type reach the pool).
+constexpr std::size_t W = 32, H = 16, C = 4, N = 2;
+// Output: every second position of [1, 31) x [0, 16), padding (1, 1) before
+// and (2, 0) after, K channels; CX x CY data positions in an X x Y buffer.
+constexpr std::size_t K = 16, CX = 15, CY = 8, X = 1 + CX + 2, Y = 1 + CY;
+constexpr std::size_t kFirsts[2] = {1, 0}, kLasts[2] = {31, 16}, kStrides[2] = {2, 2};
+constexpr std::size_t kPadding[4] = {1, 1, 2, 0};
+
+std::vector<void*> idle_data(const SharedMemoryPool& pool) {
+  std::vector<void*> data;
+  for (auto& b : pool.blocks) data.push_back(b->data);
+  return data;
+}
+
+// A value that differs between neighbouring indices of every dimension and
+// is exact in every element type (reduced modulo 251 for bytes).
+template <typename T>
+T value(std::size_t x, std::size_t y, std::size_t c, std::size_t b) {
+  return static_cast<T>((x * 7 + y * 13 + c * 29 + b * 61 + 1) % 251);
+}
+
+// w x h x c x n elements in the KORVAL layout (x fastest, observation slowest).
+template <typename T>
+std::vector<T> korval(std::size_t w, std::size_t h, std::size_t c, std::size_t n) {
+  std::vector<T> v(w * h * c * n);
+  for (std::size_t i = 0; i < v.size(); ++i)
+    v[i] = value<T>(i % w, i / w % h, i / (w * h) % c, i / (w * h * c));
+  return v;
+}
+
+// The same floats in a block of their own, to be handed over to an array.
+std::unique_ptr<CNNMemoryBlock> korval_block(std::size_t w, std::size_t h, std::size_t c,
+                                             std::size_t n) {
+  auto block = std::make_unique<CNNMemoryBlock>(w * h * c * n * 4, counting::functions());
+  std::memcpy(block->data, korval<float>(w, h, c, n).data(), w * h * c * n * 4);
+  return block;
+}
+
+std::unique_ptr<FormattedArray> korval_format(std::size_t w, std::size_t h, std::size_t c,
+                                              std::size_t n,
+                                              AllocatorFunctions fns = counting::functions()) {
+  auto f = std::make_unique<FormattedArray>(2, 2, 3, 4, fns, 1);
+  const std::size_t sizes[4] = {w, h, c, n};
+  f->SetSizesInCurrentFormat(sizes, 4);
+  return f;
+}
+
+TEST(InputArray, ConstructorsAndNothingToRelinquish) {
+  Pooled p;
+  const float elements[1] = {0};
+  // Sizes in layout order with the channel first; missing trailing sizes are 1.
+  const std::size_t sizes[3] = {4, 5, 6};
+  FormattedInputArray<float> a(p.pool, elements, sizes, 3, 2, 0, 3, nullptr);
+  EXPECT_EQ(a.NumChannels(), 4u);
+  EXPECT_EQ(a.NumObservations(), 1u);
+
+  auto format = korval_format(3, 2, 5, 7);
+  format->Reverse();
+  FormattedInputArray<float> b(p.pool, elements, format.get());
+  EXPECT_EQ(b.DataIncrement(1), -3);
+  // Nothing of the caller's is given away, and Data() stays the source.
+  EXPECT_EQ(b.RelinquishSourceIfUnused(), nullptr);
+  EXPECT_EQ(b.Relinquish(), nullptr);
+  EXPECT_EQ(b.Data(), elements);
+}
+
+// Subsample reads the newest elements (the own copy when there is one) and
+// returns the block it replaces to the pool.
+TEST(InputArray, SubsampleReadsTheNewestElements) {
+  Pooled p;
+  constexpr std::size_t w = 20, h = 12, c = 3, n = 2;
+  FormattedInputArray<float> a(p.pool, korval_block(w, h, c, n), korval_format(w, h, c, n).get());
+  a.Reformat(ChainedFormat);
+  const void* copy = a.Data();  // 5760 bytes: pooled when given back
+  const std::size_t f1[2] = {1, 2}, l1[2] = {20, 12}, i1[2] = {3, 4};
+  a.Subsample(f1, l1, i1, nullptr);
+  EXPECT_EQ(idle_data(p.pool), std::vector<void*>{const_cast<void*>(copy)});
+  // Then positions 1, 3, 5 of the first result's x, every y (3 x 3 in all).
+  const std::size_t f2[2] = {1, 0}, l2[2] = {7, 3}, i2[2] = {2, 1};
+  a.Subsample(f2, l2, i2, nullptr);
+  for (std::size_t i = 0; i < 3 * 3 * c * n; ++i)
+    ASSERT_EQ(a.Data()[i], value<float>(1 + 3 * (1 + 2 * (i / (c * n) % 3)),
+                                        2 + 4 * (i / (c * n * 3)), i % c, i / c % n))
+        << i;
+  const std::size_t f3[2] = {0, 2}, l3[2] = {3, 2};
+  a.Subsample(f3, l3, i2, nullptr);
+  EXPECT_EQ(a.DataSize(1), 0u);
+}
+
+// The destructor checks the own block in together with the handed-over
+// source: the size of the own block alone decides for both.
+TEST(InputArray, DestructorTwoBlockCheckIn) {
+  Pooled p;
+  auto format = korval_format(32, 32, 2, 1);  // 2048 floats: 8 KiB
+  auto block = korval_block(32, 32, 2, 1);
+  void* handed = block->data;
+  void* copy = nullptr;
+  {
+    FormattedInputArray<float> a(p.pool, std::move(block), format.get());
+    a.Reformat(ChainedFormat);
+    copy = const_cast<float*>(a.Data());
+  }
+  EXPECT_EQ(idle_data(p.pool), (std::vector<void*>{copy, handed}));
+  p.pool.blocks.clear();
+  {
+    // A small subsample result takes the 8 KiB source block down with it.
+    FormattedInputArray<float> a(p.pool, korval_block(32, 32, 2, 1), format.get());
+    const std::size_t firsts[2] = {0, 0}, lasts[2] = {32, 32}, inc[2] = {8, 8};
+    a.Subsample(firsts, lasts, inc, nullptr);
+  }
+  EXPECT_TRUE(p.pool.blocks.empty());
+  {
+    // Only the handed-over source, still read: checked in alone.
+    block = korval_block(32, 32, 2, 1);
+    handed = block->data;
+    FormattedInputArray<float> a(p.pool, std::move(block), format.get());
+    EXPECT_EQ(a.RelinquishSourceIfUnused(), nullptr);
+  }
+  EXPECT_EQ(idle_data(p.pool), std::vector<void*>{handed});
+}
+
+// Swapped at the current positions moves the data; a second moving
+// reformat reads the source again with the metadata of the first result, so
+// back to KORVAL transposes the source as if it were the swapped layout, into
+// the same own block; an order byte other than 0 and 1 never matches.
+TEST(InputReformat, OrderQuirks) {
+  Pooled p;
+  constexpr std::size_t w = 5, h = 3;
+  auto src = korval<float>(w, h, 2, 1);
+  const std::size_t sizes[4] = {w, h, 2, 1};
+  FormattedInputArray<float> in(p.pool, src.data(), sizes, 4, 2, 2, 3, nullptr);
+  in.Reformat(2, 3, Swapped);
+  const float* copy = in.Data();
+  for (std::size_t i = 0; i < w * h * 2; ++i)
+    ASSERT_EQ(copy[i], value<float>(i / h % w, i % h, i / (w * h), 0)) << i;
+  in.Reformat(KORVALFormat);  // channel and observation in place, order not
+  EXPECT_TRUE(in.IsInKORVALFormat());
+  ASSERT_EQ(in.Data(), copy);
+  for (std::size_t i = 0; i < w * h * 2; ++i)
+    ASSERT_EQ(copy[i], src[i / (w * h) * w * h + i % (w * h) / w + h * (i % w)]) << i;
+
+  FormattedInputArray<float> again(p.pool, src.data(), sizes, 4, 2, 2, 3, nullptr);
+  again.Reformat(2, 3, static_cast<FirstDataDims>(2));
+  ASSERT_NE(again.Data(), src.data());
+  EXPECT_EQ(std::vector<float>(again.Data(), again.Data() + src.size()), src);
+}
+
+// Data extents 1 and the channel/observation order kept: metadata only; an
+// existing own block goes back to the pool and Data() is the source again.
+// Zero elements, input or output: only the map changes.
+TEST(Reformat, NoElementToMoveKeepsTheSource) {
+  Pooled p;
+  auto src = korval<float>(1, 1, 64, 32);  // 8 KiB
+  const std::size_t sizes[4] = {1, 1, 64, 32};
+  FormattedInputArray<float> in(p.pool, src.data(), sizes, 4, 2, 2, 3, nullptr);
+  in.Reformat(ChainedFormat);
+  EXPECT_EQ(in.Data(), src.data());
+  in.Reformat(1, 0, InOrder);  // order of the pair changes: moves
+  const float* own = in.Data();
+  EXPECT_EQ(own[1], value<float>(0, 0, 0, 1));
+  in.Reformat(3, 2, InOrder);  // order kept: metadata only
+  EXPECT_EQ(in.Data(), src.data());
+  EXPECT_EQ(idle_data(p.pool), std::vector<void*>{const_cast<float*>(own)});
+
+  const std::size_t empty_sizes[4] = {5, 0, 3, 2};
+  FormattedInputArray<double> empty(p.pool, nullptr, empty_sizes, 4, 2, 2, 3, nullptr);
+  empty.Reformat(ChainedFormat);
+  EXPECT_EQ(empty.DataIncrement(0), 6);
+  EXPECT_EQ(empty.Data(), nullptr);
+  const std::size_t firsts[2] = {0, 4}, lasts[2] = {8, 4};
+  FormattedOutputArray<double> none(p.pool, firsts, lasts, nullptr, 2, 3, 2, nullptr, Zeros);
+  none.Reformat(ChainedFormat);
+  EXPECT_EQ(none.DataIncrement(0), 6);
+  EXPECT_EQ(none.Data(), nullptr);
+}
+
+TEST(OutputArray, StridedAndPaddedSizes) {
+  Pooled p;
+  const std::size_t pad[2] = {1, 2};
+  // first, last, stride (0: no stride table), padded, size
+  const std::size_t cases[][5] = {{0, 10, 3, 0, 4}, {0, 9, 3, 0, 3},  {6, 5, 7, 0, 0},
+                                  {2, 9, 1, 0, 7},  {0, 10, 3, 1, 7}, {4, 4, 0, 1, 3}};
+  for (auto const& [first, last, stride, padded, size] : cases) {
+    FormattedOutputArray<float> out(p.pool, &first, &last, stride ? &stride : nullptr, 1, 1, 1,
+                                    padded ? pad : nullptr, Unallocated);
+    EXPECT_EQ(out.DataSize(0), size) << first << ".." << last << " by " << stride;
+  }
+}
+
+// A dirty pooled block shows which modes fill and which leave the contents,
+// on both sides of the parallel fill's grain.
+TEST(OutputArray, AllocationModes) {
+  Pooled p;
+  for (std::size_t count : {std::size_t{65536}, std::size_t{65537}}) {
+    const std::size_t bytes = count * sizeof(float), first = 0, last = count;
+    auto dirty = std::make_unique<CNNMemoryBlock>(bytes, counting::functions());
+    std::memset(dirty->data, 0xAB, bytes);
+    void* where = dirty->data;
+    p.pool.checkin(std::move(dirty));
+    for (int how : {3, 2, 0}) {  // 3 acts as Uninitialized
+      FormattedOutputArray<float> out(p.pool, &first, &last, nullptr, 1, 1, 1, nullptr,
+                                      static_cast<AllocateOutputAs>(how));
+      ASSERT_EQ(static_cast<void*>(out.Data()), how == 2 ? nullptr : where);
+      EXPECT_EQ(static_cast<unsigned char*>(where)[bytes - 1], how == 0 ? 0 : 0xAB);
+      for (std::size_t i = 0; how == 0 && i < count; ++i) ASSERT_EQ(out.Data()[i], 0.0f) << i;
+      if (how != 0) continue;
+      out.SetSizesAndAllocate(1, 1, Uninitialized);  // frees the old block, no pooling
+      EXPECT_TRUE(p.pool.blocks.empty());
+    }
+    p.pool.blocks.clear();
+  }
+}
+
+TEST(OutputArray, FromFormatTakeOverAndLike) {
+  Pooled p;
+  FormattedArray format(2, 0, 1, 4, counting::functions(), -1);
+  const std::size_t sizes[5] = {16, 8, 2, 5, 3};
+  format.SetSizesInDefaultFormat(sizes, 5);
+  FormattedOutputArray<double> a(p.pool, &format, Zeros);
+  EXPECT_EQ(a.DataSize(4), 1u);  // sequence forced to 1
+  EXPECT_EQ(a.DataIncrement(0), -10);
+  // Take-over moves the buffer; the new array returns it to its own pool.
+  SharedMemoryPool other(counting::functions(), &counting::throwing_error);
+  double* buffer = a.Data();
+  { FormattedOutputArray<double> b(other, &a); }
+  EXPECT_EQ(a.Data(), nullptr);
+  EXPECT_EQ(idle_data(other), std::vector<void*>{buffer});
+
+  // Like another with a new batch size: the bounds are copied, data leased.
+  const std::size_t firsts[1] = {1}, lasts[1] = {9}, strides[1] = {3}, padding[2] = {1, 1};
+  FormattedOutputArray<float> d(p.pool, firsts, lasts, strides, 1, 2, 1, padding, Unallocated);
+  FormattedOutputArray<float> e(p.pool, &d, 1000);
+  EXPECT_EQ(e.UnpaddedData(), e.Data() + 1);
+}
+
+// KORVAL -> chained -> KORVAL leases once: the KORVAL elements end up back in
+// the first buffer (now the staging block) and the chained copy is the spare.
+// Destruction checks in the staging block first. Relinquish gives the current
+// data first, then the spare.
+TEST(OutputReformat, TwoBuffersRelinquishAndDestroy) {
+  Pooled p;
+  const std::size_t sizes[2] = {W, H};
+  float *first, *second;
+  {
+    FormattedOutputArray<float> out(p.pool, sizes, 2, C, N, 2, 3, Uninitialized);
+    first = out.Data();
+    std::memcpy(first, korval<float>(W, H, C, N).data(), W * H * C * N * 4);
+    out.Reformat(ChainedFormat);
+    second = out.Data();
+    counting::fail_above(4095);   // from now on a data block lease throws
+    out.Reformat(ChainedFormat);  // already there, even with two blocks
+    EXPECT_EQ(out.Data(), second);
+    out.Reformat(2, 3);
+    EXPECT_EQ(out.Data(), first);
+    EXPECT_EQ(std::vector<float>(first, first + W * H * C * N), korval<float>(W, H, C, N));
+    out.Reformat(ChainedFormat);
+    out.Reformat(KORVALFormat);
+    counting::fail_above(SIZE_MAX);
+    for (std::size_t i = 0; i < W * H * C * N; ++i)
+      ASSERT_EQ(second[i], value<float>(i / (C * N) % W, i / (C * N * W), i % C, i / C % N)) << i;
+  }
+  EXPECT_EQ(idle_data(p.pool), (std::vector<void*>{first, second}));
+
+  FormattedOutputArray<float> out(p.pool, sizes, 2, C, N, 2, 3, Zeros);
+  out.Reformat(ChainedFormat);
+  void* current = out.Data();
+  auto block = out.Relinquish();
+  ASSERT_EQ(block->data, current);
+  float* spare = out.Data();
+  ASSERT_NE(spare, nullptr);
+  out.SetAllocatedBlock(nullptr);  // keeps the current block
+  EXPECT_EQ(out.Data(), spare);
+  out.SetAllocatedBlock(std::move(block));  // the spare is freed, not pooled
+  EXPECT_TRUE(p.pool.blocks.empty());
+  EXPECT_EQ(out.Relinquish()->data, current);
+  EXPECT_EQ(out.Relinquish(), nullptr);
+}
+
+// An input over a handed-over block of `in` doubles, read through its own
+// copy, gives that block to an unallocated output of `out` elements when it is
+// long enough; otherwise the output leases and the block is checked in.
+TEST(OutputArray, BypassPoolOrAllocate) {
+  const std::size_t cases[][2] = {{100, 100}, {100, 99}, {100, 101}, {1024, 1025}};
+  for (auto [in_count, out_count] : cases) {
+    Pooled p;
+    auto block = std::make_unique<CNNMemoryBlock>(in_count * sizeof(double), counting::functions());
+    void* handed = block->data;
+    FormattedInputArray<double> in(p.pool, std::move(block),
+                                   korval_format(in_count / 2, 1, 2, 1).get());
+    in.Reformat(ChainedFormat);
+    FormattedOutputArray<double> out(p.pool, &out_count, 1, 1, 1, 1, 2, Unallocated);
+    const std::size_t before = counting::stats().allocations;
+    bypassPoolOrAllocate(&out, &in);
+    const bool reused = out_count <= in_count, pooled = !reused && in_count >= 512;
+    EXPECT_EQ(static_cast<void*>(out.Data()) == handed, reused) << in_count << " " << out_count;
+    EXPECT_EQ(counting::stats().allocations, before + (reused ? 0 : 1));
+    EXPECT_EQ(idle_data(p.pool), pooled ? std::vector<void*>{handed} : std::vector<void*>{});
+  }
+}
+
+// Element at chained index i of extents `ext` (channel first), or 0 when one
+// of its indices is not below the matching entry of `keep`.
+template <typename T>
+T element(std::size_t i, std::vector<std::size_t> const& ext,
+          std::vector<std::size_t> const& keep) {
+  std::size_t v = 1;
+  for (std::size_t d = 0; d < ext.size(); i /= ext[d++]) {
+    if (i % ext[d] >= keep[d]) return T(0);
+    v += i % ext[d] * (3 + 4 * d);
+  }
+  return static_cast<T>(v % 249);
+}
+
+template <typename T>
+class SetDataRanges : public ::testing::Test {};
+using OutputTypes = ::testing::Types<float, double, unsigned char, long>;
+TYPED_TEST_SUITE(SetDataRanges, OutputTypes);
+
+// Against a naive reference: the common corner keeps its contents at the
+// same indices, everything else is zero, the increments stay those of the old
+// sizes, and the old buffer goes back to the pool. The current sizes change
+// nothing.
+TYPED_TEST(SetDataRanges, GrowAndShrinkKeepTheCommonCorner) {
+  using T = TypeParam;
+  Pooled p;
+  // Extents with channels and observations first.
+  const std::vector<std::size_t> cases[][2] = {{{3, 2, 24, 20}, {3, 2, 30, 12}},
+                                               {{3, 2, 30, 12, 3}, {3, 2, 20, 15, 5}},
+                                               {{3, 2, 4}, {3, 2, 6}},
+                                               {{3, 2, 6}, {3, 2, 4}},
+                                               {{3, 2, 9}, {3, 2, 9}}};
+  for (auto const& [from, to] : cases) {
+    p.pool.blocks.clear();
+    const std::size_t n = from.size() - 2;
+    FormattedOutputArray<T> out(p.pool, &from[2], n, 3, 2, 0, 1, Uninitialized);
+    for (std::size_t i = 0; i < out.TotalNumElem(); ++i) out.Data()[i] = element<T>(i, from, from);
+    const std::vector<long> increments(out.DataIncrements(), out.DataIncrements() + n);
+    void* old = out.Data();
+    const bool pooled = from != to && out.TotalNumElem() * sizeof(T) >= 4096;
+
+    out.SetDataRanges(&to[2]);
+    EXPECT_EQ(std::vector<long>(out.DataIncrements(), out.DataIncrements() + n), increments);
+    EXPECT_EQ(idle_data(p.pool), pooled ? std::vector<void*>{old} : std::vector<void*>{});
+    EXPECT_EQ(static_cast<void*>(out.Data()) == old, from == to);
+    for (std::size_t i = 0; i < out.TotalNumElem(); ++i)
+      ASSERT_EQ(out.Data()[i], element<T>(i, to, from)) << i;
+    out.SetSizeArray(3, 2);  // recomputes the sizes from the bounds
+    EXPECT_EQ(out.DataSize(0), from[2]);
+  }
+}
+
+// One layer step from entry to end: wrap a KORVAL input, reformat it to the
+// chained format, make a strided and padded output with Zeros, write its data
+// region, bring the output back to KORVAL and take the result. Every element
+// is checked against plain index arithmetic, and the pool's idle list shows
+// where each data block went. The second step must run on pooled memory.
+
+// The layer's output at padded position (x, y): input channel k % C at the
+// sampled input position, plus k; zero in the padding.
+template <typename T>
+T expected(std::size_t x, std::size_t y, std::size_t k, std::size_t b) {
+  if (x < 1 || x > CX || y < 1 || y > CY) return T(0);
+  return static_cast<T>(value<T>(2 * x - 1, 2 * (y - 1), k % C, b) + static_cast<T>(k));
+}
+
+// Runs the step and checks its result; returns the result, and where the
+// input's own copy and the chained output buffer were.
+template <typename T>
+void run_step(SharedMemoryPool& pool, std::vector<T> const& korval, void* where[2],
+              std::unique_ptr<CNNMemoryBlock>& result) {
+  const std::size_t in_sizes[4] = {W, H, C, N};
+  FormattedInputArray<T> in(pool, korval.data(), in_sizes, 4, 2, 2, 3, nullptr);
+  in.Reformat(ChainedFormat);
+  const T* src = in.Data();
+  where[0] = const_cast<T*>(src);
+
+  FormattedOutputArray<T> out(pool, kFirsts, kLasts, kStrides, 2, K, N, 0, 1, kPadding, Zeros);
+  where[1] = out.Data();
+  T* region = out.UnpaddedData();
+  for (std::size_t j = 0; j < CY; ++j)
+    for (std::size_t i = 0; i < CX; ++i)
+      for (std::size_t b = 0; b < N; ++b)
+        for (std::size_t k = 0; k < K; ++k) {
+          const std::size_t x = 1 + 2 * i, y = 2 * j;
+          region[static_cast<long>(i) * out.DataIncrement(0) +
+                 static_cast<long>(j) * out.DataIncrement(1) +
+                 static_cast<long>(k * out.ChannelIncrement() + b * out.ObservationIncrement())] =
+              static_cast<T>(src[k % C + C * (b + N * (x + W * y))] + static_cast<T>(k));
+        }
+
+  out.Reformat(KORVALFormat);
+  result = out.Relinquish();
+  ASSERT_EQ(result->allocated_size(), X * Y * K * N * sizeof(T));
+  const T* data = static_cast<const T*>(result->data);
+  for (std::size_t i = 0; i < X * Y * K * N; ++i)
+    ASSERT_EQ(data[i], expected<T>(i % X, i / X % Y, i / (X * Y) % K, i / (X * Y * K))) << i;
+}
+
+template <typename T>
+class LayerStep : public ::testing::Test {};
+using InputTypes = ::testing::Types<float, double, unsigned char>;
+TYPED_TEST_SUITE(LayerStep, InputTypes);
+
+TYPED_TEST(LayerStep, EndToEndAndBlocksReturnToThePool) {
+  using T = TypeParam;
+  Pooled p;
+  const std::vector<T> src = korval<T>(W, H, C, N);
+  void* first[2];
+  std::unique_ptr<CNNMemoryBlock> result;
+  run_step<T>(p.pool, src, first, result);
+  // The output's spare first, then the input's copy; metadata, bounds and
+  // temporary tables were all freed.
+  EXPECT_EQ(idle_data(p.pool), (std::vector<void*>{first[1], first[0]}));
+  EXPECT_EQ(counting::live_blocks(), 3u);
+
+  // The host gives the result back; the next step runs on pooled memory only
+  // (a fresh data-sized block would fail) and the zero fill clears the
+  // recycled buffer.
+  p.pool.checkin(std::move(result));
+  counting::fail_above(4095);
+  run_step<T>(p.pool, src, first, result);
+  EXPECT_EQ(counting::live_blocks(), 3u);
+}
+
+// The scenario runs every constructor and allocating operation of both sides;
+// it is replayed with its k-th allocation throwing std::bad_alloc for every k,
+// and with each data lease (the only allocations of 4096 bytes or more)
+// failing so that the pool reports "Out of memory.". Every replay must end in
+// that exception with every byte back, and a failed operation must leave its
+// array as it was.
+std::vector<std::size_t> requests;  // bytes of each allocation, in order
+void* recording_allocate(std::size_t bytes) {
+  requests.push_back(bytes);
+  return counting::allocate(bytes);
+}
+
+// Runs `op`; when it fails, `unchanged` must hold before the failure goes on.
+template <typename Op, typename Check>
+void atomic(Op op, Check unchanged) {
+  try {
+    op();
+  } catch (...) {
+    unchanged();
+    throw;
+  }
+}
+
+// Both sides: every constructor and allocating operation.
+void scenario(SharedMemoryPool& pool) {
+  const std::size_t sizes[4] = {W, H, C, N};
+  const std::vector<float> elements(W * H * C * N, 1.0f);
+  FormattedInputArray<float> a(pool, elements.data(), sizes, 4, 2, 2, 3, nullptr);
+  atomic([&] { a.Reformat(ChainedFormat); }, [&] { EXPECT_EQ(a.Data(), elements.data()); });
+  const std::size_t firsts[2] = {0, 1}, lasts[2] = {16, 16}, inc[2] = {1, 1};
+  atomic([&] { a.Subsample(firsts, lasts, inc, nullptr); }, [&] { EXPECT_EQ(a.DataSize(1), H); });
+
+  // The adopted block is one element short of the output: the lease comes
+  // first, then the block goes back.
+  auto format = korval_format(W, H, C, N, pool.allocator_functions);
+  FormattedInputArray<float> in(pool, pool.lease_or_error(W * H * C * N * 4), format.get());
+  in.Reformat(ChainedFormat);
+  const std::size_t longer[2] = {W, H + 1};
+  FormattedOutputArray<float> out(pool, longer, 2, C, N, 0, 1, Unallocated);
+  atomic([&] { bypassPoolOrAllocate(&out, &in); }, [&] { EXPECT_EQ(out.Data(), nullptr); });
+
+  FormattedOutputArray<float> f(pool, format.get(), Zeros);
+  FormattedOutputArray<double> b(pool, sizes, 2, C, N, 0, 1, Zeros);
+  FormattedOutputArray<unsigned char> c(pool, kFirsts, kLasts, kStrides, 2, 64, N, 0, 1, kPadding,
+                                        Uninitialized);
+  FormattedOutputArray<long> d(pool, kFirsts, kLasts, kStrides, 2, C, N, kPadding, Unallocated);
+  FormattedOutputArray<long> e(pool, &d, 2 * N);
+  c.CopyDataBounds(kFirsts, kLasts, nullptr, nullptr);
+  double* data = b.Data();
+  atomic([&] { b.SetSizesAndAllocate(C, 2 * N, Zeros); }, [&] { EXPECT_EQ(b.Data(), data); });
+  data = b.Data();
+  const std::size_t grown[2] = {W + 4, H - 2};
+  atomic([&] { b.SetDataRanges(grown); }, [&] { EXPECT_EQ(b.Data(), data); });
+  atomic([&] { f.Reformat(ChainedFormat); }, [&] { EXPECT_TRUE(f.IsInKORVALFormat()); });
+  float* buffer = f.Data();
+  atomic([&] { FormattedOutputArray<float> g(pool, &f); }, [&] { EXPECT_EQ(f.Data(), buffer); });
+}
+
+TEST(FaultInjection, EveryAllocationOfBothSides) {
+  const AllocatorFunctions fns{&recording_allocate, &counting::deallocate};
+  auto play = [&](std::size_t k, bool lease) {
+    counting::LeakCheck check;
+    SharedMemoryPool pool(fns, &counting::throwing_error);
+    requests.clear();
+    (lease ? counting::fail_at : counting::throw_at)(k);
+    bool failed = false;
+    try {
+      scenario(pool);
+    } catch (std::bad_alloc const&) {
+      failed = !lease;
+    } catch (std::runtime_error const& e) {
+      failed = std::string(e.what()) == "Out of memory.";
+    }
+    EXPECT_EQ(failed, k != 0);
+  };
+  play(0, false);
+  const std::vector<std::size_t> dry = requests;
+  for (std::size_t k = 1; k <= dry.size(); ++k) {
+    SCOPED_TRACE(testing::Message() << "allocation " << k << " of " << dry.size());
+    play(k, false);
+    if (dry[k - 1] >= 4096) play(k, true);
+  }
+}
+
+}  // namespace
