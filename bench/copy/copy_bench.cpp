@@ -250,7 +250,7 @@ std::vector<Ratio> ratios;
 
 template <class T>
 void add_grain_copy() {
-  std::size_t const g = nerva::simple_copy_traits<T>::grain;
+  std::size_t const g = nerva::simple_copy_grain<T>;
   std::string const base = std::string("grain_copy/") + type_name<T>();
   add(base + "/G", GrainCopy<T>)->Arg(static_cast<long>(g));
   add(base + "/G+1", GrainCopy<T>)->Arg(static_cast<long>(g + 1));
@@ -260,7 +260,7 @@ void add_grain_copy() {
 
 template <class T>
 void add_grain_fill() {
-  std::size_t const g = nerva::simple_fill_traits<T>::grain;
+  std::size_t const g = nerva::simple_fill_grain<T>;
   std::string const base = std::string("grain_fill/") + type_name<T>();
   add(base + "/G", GrainFill<T>)->Arg(static_cast<long>(g));
   add(base + "/G+1", GrainFill<T>)->Arg(static_cast<long>(g + 1));

@@ -3,7 +3,7 @@
 // Contiguous copy and fill of one run of elements, split over TBB workers when
 // the run is longer than one chunk. Internal to the library (not exported):
 // the templates are defined here so that every kernel and the tests can
-// instantiate them for the element types listed in the traits below.
+// instantiate them for the element types that have a grain below.
 
 #include <oneapi/tbb/blocked_range.h>
 #include <oneapi/tbb/parallel_for.h>
@@ -17,52 +17,27 @@ namespace nerva {
 
 // Chunk sizes in elements: 128 KiB per copy chunk, 256 KiB per fill chunk.
 // A run of at most one chunk is done on the calling thread without TBB.
-// Only the specialised element types have a grain; others do not compile.
+// Grains (and serial thresholds) in elements: 128 KiB per copy chunk and
+// 256 KiB per fill chunk. Only the listed element types have one (0 = none).
 template <class T>
-struct simple_copy_traits {
-  static constexpr bool supported = false;
-};
+constexpr std::size_t simple_copy_grain = 0;
+template <>
+constexpr std::size_t simple_copy_grain<unsigned char> = 131072;
+template <>
+constexpr std::size_t simple_copy_grain<float> = 32768;
+template <>
+constexpr std::size_t simple_copy_grain<double> = 16384;
+
 template <class T>
-struct simple_fill_traits {
-  static constexpr bool supported = false;
-};
-
+constexpr std::size_t simple_fill_grain = 0;
 template <>
-struct simple_copy_traits<unsigned char> {
-  static constexpr bool supported = true;
-  static constexpr std::size_t grain = 131072;
-};
+constexpr std::size_t simple_fill_grain<unsigned char> = 262144;
 template <>
-struct simple_copy_traits<float> {
-  static constexpr bool supported = true;
-  static constexpr std::size_t grain = 32768;
-};
+constexpr std::size_t simple_fill_grain<float> = 65536;
 template <>
-struct simple_copy_traits<double> {
-  static constexpr bool supported = true;
-  static constexpr std::size_t grain = 16384;
-};
-
+constexpr std::size_t simple_fill_grain<double> = 32768;
 template <>
-struct simple_fill_traits<unsigned char> {
-  static constexpr bool supported = true;
-  static constexpr std::size_t grain = 262144;
-};
-template <>
-struct simple_fill_traits<float> {
-  static constexpr bool supported = true;
-  static constexpr std::size_t grain = 65536;
-};
-template <>
-struct simple_fill_traits<double> {
-  static constexpr bool supported = true;
-  static constexpr std::size_t grain = 32768;
-};
-template <>
-struct simple_fill_traits<long> {
-  static constexpr bool supported = true;
-  static constexpr std::size_t grain = 32768;
-};
+constexpr std::size_t simple_fill_grain<long> = 32768;
 
 namespace detail {
 
@@ -85,9 +60,9 @@ inline void fill_run(T* data, std::size_t n, T value) {
 // Copies src[0, n) to dst[0, n); every chunk is one memmove.
 template <class T>
 void execute_simple_copy(T* dst, T const* src, std::size_t n) {
-  static_assert(simple_copy_traits<T>::supported,
+  static_assert(simple_copy_grain<T> != 0,
                 "execute_simple_copy exists for unsigned char, float and double only");
-  constexpr std::size_t grain = simple_copy_traits<T>::grain;
+  constexpr std::size_t grain = simple_copy_grain<T>;
   if (n <= grain) {
     detail::copy_run(dst, src, n);
     return;
@@ -103,9 +78,9 @@ void execute_simple_copy(T* dst, T const* src, std::size_t n) {
 // Sets data[0, n) to value; every chunk is one store loop (memset for bytes).
 template <class T>
 void execute_simple_fill(T* data, std::size_t n, T value) {
-  static_assert(simple_fill_traits<T>::supported,
+  static_assert(simple_fill_grain<T> != 0,
                 "execute_simple_fill exists for unsigned char, float, double and long only");
-  constexpr std::size_t grain = simple_fill_traits<T>::grain;
+  constexpr std::size_t grain = simple_fill_grain<T>;
   if (n <= grain) {
     detail::fill_run(data, n, value);
     return;
