@@ -15,29 +15,29 @@
 
 namespace nerva {
 
-// Chunk sizes in elements: 128 KiB per copy chunk, 256 KiB per fill chunk.
 // A run of at most one chunk is done on the calling thread without TBB.
+// Explicit specializations are not implicitly inline, hence `inline` on each.
 // Grains (and serial thresholds) in elements: 128 KiB per copy chunk and
 // 256 KiB per fill chunk. Only the listed element types have one (0 = none).
 template <class T>
-constexpr std::size_t simple_copy_grain = 0;
+inline constexpr std::size_t simple_copy_grain = 0;
 template <>
-constexpr std::size_t simple_copy_grain<unsigned char> = 131072;
+inline constexpr std::size_t simple_copy_grain<unsigned char> = 131072;
 template <>
-constexpr std::size_t simple_copy_grain<float> = 32768;
+inline constexpr std::size_t simple_copy_grain<float> = 32768;
 template <>
-constexpr std::size_t simple_copy_grain<double> = 16384;
+inline constexpr std::size_t simple_copy_grain<double> = 16384;
 
 template <class T>
-constexpr std::size_t simple_fill_grain = 0;
+inline constexpr std::size_t simple_fill_grain = 0;
 template <>
-constexpr std::size_t simple_fill_grain<unsigned char> = 262144;
+inline constexpr std::size_t simple_fill_grain<unsigned char> = 262144;
 template <>
-constexpr std::size_t simple_fill_grain<float> = 65536;
+inline constexpr std::size_t simple_fill_grain<float> = 65536;
 template <>
-constexpr std::size_t simple_fill_grain<double> = 32768;
+inline constexpr std::size_t simple_fill_grain<double> = 32768;
 template <>
-constexpr std::size_t simple_fill_grain<long> = 32768;
+inline constexpr std::size_t simple_fill_grain<long> = 32768;
 
 namespace detail {
 

@@ -6,10 +6,10 @@ namespace nerva {
 
 // Largest m and n that tbb_gemm hands to a single BLAS call, and the grain of its blocks.
 template <typename T>
-constexpr std::uint64_t GemmSerialLimit = 0;
+inline constexpr std::uint64_t GemmSerialLimit = 0;
 template <>
-constexpr std::uint64_t GemmSerialLimit<float> = 256;
+inline constexpr std::uint64_t GemmSerialLimit<float> = 256;
 template <>
-constexpr std::uint64_t GemmSerialLimit<double> = 128;
+inline constexpr std::uint64_t GemmSerialLimit<double> = 128;
 
 }  // namespace nerva
