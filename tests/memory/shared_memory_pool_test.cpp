@@ -123,6 +123,22 @@ TEST(LeaseOrError, AllPartiesWaitingReportsOutOfMemory) {
   EXPECT_EQ(pool.waiting_requests.load(), 2);  // left counted on the error path
 }
 
+// An error function that returns sends the request back to the same failed
+// block: it is reported again, with no new allocation attempt in between.
+TEST(LeaseOrError, ReturningErrorFunctionReportsAgainWithoutRetrying) {
+  counting::LeakCheck check;
+  static int calls;
+  calls = 0;
+  SharedMemoryPool pool(counting::functions(), [](char const* message) {
+    if (++calls == 3) throw std::runtime_error(message);
+  });
+  counting::fail_above(4096);
+  EXPECT_THROW(pool.lease_or_error(1 << 20), std::runtime_error);
+  EXPECT_EQ(calls, 3);
+  EXPECT_EQ(counting::stats().failures, 1u);
+  EXPECT_EQ(pool.waiting_requests.load(), 1);
+}
+
 TEST(SharedMemoryPool, ManyThreadsAccountForEveryBlock) {
   counting::LeakCheck check;
   SharedMemoryPool pool(counting::functions(), &counting::throwing_error);
