@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cstdint>
 #include <utility>
 
 #include "detail/checks.hpp"
@@ -62,15 +63,20 @@ size_t FormattedOutputArray<T>::Stride(size_t dim) const {
 }
 
 // Only the leading padding counts; channel and observation offsets are 0.
+// The offset is applied in integer arithmetic so that an array without a
+// block still reports where its data region would start, without forming an
+// out-of-bounds pointer from null.
 template <typename T>
 T* FormattedOutputArray<T>::UnpaddedData() {
   T* data = Data();
-  if (padding == nullptr || num_data_dims == 0 || data == nullptr) return data;
+  if (padding == nullptr || num_data_dims == 0) return data;
   long offset = 0;
   for (size_t i = 0; i < num_data_dims; ++i) {
     offset += static_cast<long>(padding[i]) * data_increments[i];
   }
-  return data + offset;
+  auto address = reinterpret_cast<std::uintptr_t>(data);
+  address += static_cast<std::uintptr_t>(offset * static_cast<long>(sizeof(T)));
+  return reinterpret_cast<T*>(address);
 }
 
 #define NERVA_OUTPUT_BOUNDS(T)                                                         \

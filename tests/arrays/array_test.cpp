@@ -260,6 +260,8 @@ TEST(OutputArray, FromFormatTakeOverAndLike) {
   FormattedOutputArray<float> d(p.pool, firsts, lasts, strides, 1, 2, 1, padding, Unallocated);
   FormattedOutputArray<float> e(p.pool, &d, 1000);
   EXPECT_EQ(e.UnpaddedData(), e.Data() + 1);
+  // Without a block the offset still applies, counted from address 0.
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(d.UnpaddedData()), sizeof(float));
 }
 
 // KORVAL -> chained -> KORVAL leases once: the KORVAL elements end up back in
