@@ -45,9 +45,10 @@ struct NERVA_API ConvolutionNDDescriptor {
   ConvolutionNDDescriptor(const ConvolutionNDDescriptor&) = delete;
   ConvolutionNDDescriptor& operator=(const ConvolutionNDDescriptor&) = delete;
 
-  // Dense first-dimension-fastest increments of output, window and input,
-  // the output extent of each dimension taken from `outputExtents`.
-  void SetDenseIncrements(std::size_t const* outputExtents);
+  // Dense first-dimension-fastest increments of output, window and input.
+  // The output extent of a dimension is the number of positions sampled from
+  // its range with `strides` (null: every position).
+  void SetDenseIncrements(std::size_t const* strides);
 
   std::size_t* firsts = nullptr;
   std::size_t* lasts = nullptr;

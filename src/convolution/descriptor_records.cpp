@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "detail/sampled_count.hpp"
 #include "nerva/convolution.hpp"
 
 namespace nerva {
@@ -36,7 +37,6 @@ ConvolutionNDDescriptor::ConvolutionNDDescriptor(
   std::unique_ptr<std::size_t[]> f(new std::size_t[n]), l(new std::size_t[n]),
       we(new std::size_t[n]), ie(new std::size_t[n]);
   std::unique_ptr<long[]> oi(new long[n]), wi(new long[n]), ii(new long[n]);
-  std::unique_ptr<std::size_t[]> extents(new std::size_t[n]);
   firsts = f.release();
   lasts = l.release();
   windowExtents = we.release();
@@ -51,15 +51,16 @@ ConvolutionNDDescriptor::ConvolutionNDDescriptor(
   std::fill(windowExtents + windowCount, windowExtents + n, std::size_t{1});
   std::copy(inputExtents_, inputExtents_ + inputCount, inputExtents);
   std::fill(inputExtents + inputCount, inputExtents + n, std::size_t{1});
-  for (std::size_t k = 0; k < n; ++k) extents[k] = firsts[k] < lasts[k] ? lasts[k] - firsts[k] : 0;
-  SetDenseIncrements(extents.get());
+  SetDenseIncrements(nullptr);
 }
 
-void ConvolutionNDDescriptor::SetDenseIncrements(std::size_t const* outputExtents) {
+void ConvolutionNDDescriptor::SetDenseIncrements(std::size_t const* strides) {
   if (dimensionCount == 0) return;
   outputIncrements[0] = windowIncrements[0] = inputIncrements[0] = 1;
   for (std::size_t k = 1; k < dimensionCount; ++k) {
-    outputIncrements[k] = outputIncrements[k - 1] * static_cast<long>(outputExtents[k - 1]);
+    const std::size_t outputExtent =
+        detail::SampledCount(firsts[k - 1], lasts[k - 1], strides ? strides[k - 1] : 1);
+    outputIncrements[k] = outputIncrements[k - 1] * static_cast<long>(outputExtent);
     windowIncrements[k] = windowIncrements[k - 1] * static_cast<long>(windowExtents[k - 1]);
     inputIncrements[k] = inputIncrements[k - 1] * static_cast<long>(inputExtents[k - 1]);
   }

@@ -3,7 +3,6 @@
 
 #include "convolution/strided_end.hpp"
 #include "detail/checks.hpp"
-#include "detail/sampled_count.hpp"
 #include "nerva/output_array.hpp"
 
 namespace nerva {
@@ -106,12 +105,10 @@ FormattedOutputArray<T>::StridedConvolutionDescriptorND(size_t const* windowExte
   record->strides = new size_t[n];
   std::copy(strides, strides + n, record->strides);
 
-  std::unique_ptr<size_t[]> sampled(new size_t[n]);
   for (size_t d = 0; d < n; ++d) {
     record->lasts[d] = TightenedLast(record->firsts[d], record->lasts[d], record->strides[d]);
-    sampled[d] = detail::SampledCount(record->firsts[d], record->lasts[d], record->strides[d]);
   }
-  record->SetDenseIncrements(sampled.get());
+  record->SetDenseIncrements(record->strides);
 
   std::copy(DataIncrements(), DataIncrements() + n, record->outputIncrements);
   CopyFillLast(record->windowIncrements, n, windowIncrements, record->windowDimensionCount);
