@@ -1,25 +1,16 @@
 #include "copy/simple_copy.hpp"
 
 #include <gtest/gtest.h>
-#include <oneapi/tbb/task_group.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <vector>
 
+#include "support/cancelled_group.hpp"
+
 namespace {
 
-// Runs `f` inside an already cancelled task group: a parallel_for started by
-// `f` runs none of its sub-ranges, while work done directly on the calling
-// thread still happens, so the output tells the serial path from the parallel.
-template <class F>
-void run_in_cancelled_group(F&& f) {
-  tbb::task_group group;
-  group.run_and_wait([&] {
-    group.cancel();
-    f();
-  });
-}
+using support::run_in_cancelled_group;
 
 // Runs of G (one chunk), G + 1 and 3G + 5 elements: every element is right and
 // nothing past the run changes; inside a cancelled task group only the serial

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdlib>
+#include <cstring>
 #include <new>
 #include <random>
 #include <stdexcept>
@@ -9,6 +11,7 @@
 
 #include "nerva/copy.hpp"
 #include "selection.hpp"
+#include "support/cancelled_group.hpp"
 #include "support/counting_allocator.hpp"
 
 namespace {
@@ -80,6 +83,29 @@ TYPED_TEST(StridedCopy, RandomShapesMatchTheNaiveGather) {
           << "round " << round << " channelDim " << channelDim;
       pool.checkin(std::move(block));
     }
+  }
+}
+
+// Up to 128 offsets the table is filled on the calling thread, from 129 on by
+// TBB tasks, which a cancelled group never runs; the strides and counts
+// behind the offsets are written either way. The table's memory starts as
+// all ones, so an unwritten offset shows.
+TEST(StridedCopy, TableIsFilledSeriallyUpTo128Offsets) {
+  nerva::AllocatorFunctions const ones{[](std::size_t bytes) {
+                                         void* p = std::malloc(bytes);
+                                         if (p) std::memset(p, 0xff, bytes);
+                                         return p;
+                                       },
+                                       [](void* p) { std::free(p); }};
+  for (std::size_t selected : {128u, 129u}) {
+    std::size_t const sizes[3] = {selected, 1, 1}, firsts[1] = {0}, lasts[1] = {selected},
+                      increments[1] = {1};
+    Block table;
+    support::run_in_cancelled_group(
+        [&] { table = nerva::strided_copy_mapping(sizes, firsts, lasts, increments, 1, ones); });
+    auto const* w = static_cast<std::size_t const*>(table->data);
+    EXPECT_EQ(w[selected - 1] == selected - 1, selected == 128) << selected;
+    EXPECT_EQ(w[selected + 1], selected);  // the count, behind offsets and stride
   }
 }
 
