@@ -40,10 +40,50 @@ inline void move_element(Elem* d, Elem const* s) {
   std::memcpy(d, s, sizeof(Elem));
 }
 
+// Planes of two or three destination columns (the channels of an image with
+// one observation, say) with the column count known at compile time: the
+// inner loop unrolls, and when destination rows are packed the compiler
+// turns the interleave into vector shuffles. Source and destination never
+// overlap.
+template <class Elem, std::size_t A>
+__attribute__((noinline)) void transpose_thin_plane(Elem const* __restrict src,
+                                                    Elem* __restrict dst, std::size_t B,
+                                                    std::size_t sA, std::size_t dB) {
+  if (dB == A) {
+    for (std::size_t b = 0; b < B; ++b) {
+      for (std::size_t a = 0; a < A; ++a) move_element(dst + b * A + a, src + a * sA + b);
+    }
+    return;
+  }
+  for (std::size_t b = 0; b < B; ++b) {
+    for (std::size_t a = 0; a < A; ++a) move_element(dst + b * dB + a, src + a * sA + b);
+  }
+}
+
+// The reverse: two or three source columns, split into as many destination
+// rows; with packed source rows the compiler vectorizes the de-interleave.
+template <class Elem, std::size_t B>
+__attribute__((noinline)) void transpose_thin_rows(Elem const* __restrict src, Elem* __restrict dst,
+                                                   std::size_t A, std::size_t sA, std::size_t dB) {
+  if (sA == B) {
+    for (std::size_t a = 0; a < A; ++a) {
+      for (std::size_t b = 0; b < B; ++b) move_element(dst + b * dB + a, src + a * B + b);
+    }
+    return;
+  }
+  for (std::size_t a = 0; a < A; ++a) {
+    for (std::size_t b = 0; b < B; ++b) move_element(dst + b * dB + a, src + a * sA + b);
+  }
+}
+
 // Element by element, for planes thinner than a micro-tile.
 template <class Elem>
 inline void transpose_scalar_plane(Elem const* src, Elem* dst, std::size_t A, std::size_t B,
                                    std::size_t sA, std::size_t dB) {
+  if (A == 2) return transpose_thin_plane<Elem, 2>(src, dst, B, sA, dB);
+  if (A == 3) return transpose_thin_plane<Elem, 3>(src, dst, B, sA, dB);
+  if (B == 2) return transpose_thin_rows<Elem, 2>(src, dst, A, sA, dB);
+  if (B == 3) return transpose_thin_rows<Elem, 3>(src, dst, A, sA, dB);
   for (std::size_t b = 0; b < B; ++b) {
     Elem* d = dst + b * dB;
     for (std::size_t a = 0; a < A; ++a) move_element(d + a, src + a * sA + b);

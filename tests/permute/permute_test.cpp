@@ -131,9 +131,9 @@ TEST(Permute, MatchesReference) {
 
 // Every instruction set this CPU runs, each width: random shapes, runs of 4
 // or 8 bytes that move as wider elements, padded 13 x 13 images as in a layer
-// step, and transposes whose sides straddle the tile, line and block sizes,
-// alone and batched. Each runs with plain stores, and with streaming stores
-// forced at a destination offset that cycles through a 64-byte line; rows
+// step, and transposes whose sides straddle the tile, line and block sizes
+// or are as thin as the channels of an image, alone and batched. Each runs with plain stores, and
+// with streaming stores forced at a destination offset that cycles through a 64-byte line; rows
 // that are not whole lines take the staged streaming walk.
 TEST(PermuteKernels, EveryInstructionSetMatchesReference) {
   for (int isa = 0; isa < 4; ++isa) {
@@ -147,9 +147,9 @@ TEST(PermuteKernels, EveryInstructionSetMatchesReference) {
       };
       for (int i = 0; i < 120; ++i) cases.push_back(random_case(rng));
       std::size_t const l = 64 / w;  // elements per line
-      for (std::size_t a : {std::size_t{1}, std::size_t{3}, l / 2 + 1, l - 1, l, l + 3, 2 * l - 1,
-                            2 * l, 2 * l + 1, 3 * l + 5, 5 * l - 3}) {
-        for (std::size_t b : {1, 3, 17, 33, 64, 65, 130}) {
+      for (std::size_t a : {std::size_t{1}, std::size_t{2}, std::size_t{3}, l / 2 + 1, l - 1, l,
+                            l + 3, 2 * l - 1, 2 * l, 2 * l + 1, 3 * l + 5, 5 * l - 3}) {
+        for (std::size_t b : {1, 2, 3, 17, 33, 64, 65, 130}) {
           cases.push_back({{b, a}, {2, 1}});
           cases.push_back({{b, 3, a}, {3, 2, 1}});
           cases.push_back({{b, a, 2}, {2, 3, 1}});
