@@ -15,10 +15,10 @@
 
 namespace nerva {
 
-// A run of at most one chunk is done on the calling thread without TBB.
-// Explicit specializations are not implicitly inline, hence `inline` on each.
 // Grains (and serial thresholds) in elements: 128 KiB per copy chunk and
 // 256 KiB per fill chunk. Only the listed element types have one (0 = none).
+// A run of at most one chunk is done on the calling thread without TBB.
+// Explicit specializations are not implicitly inline, hence `inline` on each.
 template <class T>
 inline constexpr std::size_t simple_copy_grain = 0;
 template <>
