@@ -16,6 +16,15 @@ enum FirstDataDims : unsigned char { InOrder = 0, Swapped = 1 };
 // sequence. Chained: channel, observation, data dimensions, sequence.
 enum PreferredFormat : unsigned char { KORVALFormat = 0, ChainedFormat = 1 };
 
+// Tag of the reformat overloads that move the elements with the parallel
+// permutation (qel_permute::ParallelPermute) on the TBB workers of the
+// calling process, e.g. `array.Reformat(ChainedFormat, Parallel)`. Same
+// bytes, same metadata and same pool traffic as the overload without it.
+struct ParallelTag {
+  explicit constexpr ParallelTag() = default;
+};
+inline constexpr ParallelTag Parallel{};
+
 // Layout metadata of an N-D array with n data (spatial) dimensions followed by
 // channel, observation and sequence: n + 3 logical dimensions. `sizes` and
 // `dim_map` are indexed by logical dimension; `dim_map[k]` is the layout
@@ -109,6 +118,13 @@ class NERVA_API FormattedArray {
                                                          FirstDataDims firstDataDims,
                                                          std::unique_ptr<CNNMemoryBlock> dst,
                                                          SharedMemoryPool& pool);
+  // As above, with the elements moved by the parallel permutation.
+  template <typename T>
+  NERVA_API std::unique_ptr<CNNMemoryBlock> ReformatData(T const* src, size_t channelDim,
+                                                         size_t observationDim,
+                                                         FirstDataDims firstDataDims,
+                                                         std::unique_ptr<CNNMemoryBlock> dst,
+                                                         SharedMemoryPool& pool, ParallelTag);
 
  protected:
   std::unique_ptr<CNNMemoryBlock> storage;
@@ -121,6 +137,13 @@ class NERVA_API FormattedArray {
  private:
   // Product of the sizes of all dimensions at layout positions below `position`.
   size_t IncrementAt(size_t position) const;
+  // The common body of both ReformatData overloads.
+  template <typename T>
+  std::unique_ptr<CNNMemoryBlock> ReformatDataWith(T const* src, size_t channelDim,
+                                                   size_t observationDim,
+                                                   FirstDataDims firstDataDims,
+                                                   std::unique_ptr<CNNMemoryBlock> dst,
+                                                   SharedMemoryPool& pool, bool parallel);
 };
 
 extern template NERVA_API std::unique_ptr<CNNMemoryBlock> FormattedArray::ReformatData<float>(
@@ -134,6 +157,19 @@ FormattedArray::ReformatData<unsigned char>(unsigned char const*, size_t, size_t
                                             std::unique_ptr<CNNMemoryBlock>, SharedMemoryPool&);
 extern template NERVA_API std::unique_ptr<CNNMemoryBlock> FormattedArray::ReformatData<long>(
     long const*, size_t, size_t, FirstDataDims, std::unique_ptr<CNNMemoryBlock>, SharedMemoryPool&);
+extern template NERVA_API std::unique_ptr<CNNMemoryBlock> FormattedArray::ReformatData<float>(
+    float const*, size_t, size_t, FirstDataDims, std::unique_ptr<CNNMemoryBlock>, SharedMemoryPool&,
+    ParallelTag);
+extern template NERVA_API std::unique_ptr<CNNMemoryBlock> FormattedArray::ReformatData<double>(
+    double const*, size_t, size_t, FirstDataDims, std::unique_ptr<CNNMemoryBlock>,
+    SharedMemoryPool&, ParallelTag);
+extern template NERVA_API std::unique_ptr<CNNMemoryBlock>
+FormattedArray::ReformatData<unsigned char>(unsigned char const*, size_t, size_t, FirstDataDims,
+                                            std::unique_ptr<CNNMemoryBlock>, SharedMemoryPool&,
+                                            ParallelTag);
+extern template NERVA_API std::unique_ptr<CNNMemoryBlock> FormattedArray::ReformatData<long>(
+    long const*, size_t, size_t, FirstDataDims, std::unique_ptr<CNNMemoryBlock>, SharedMemoryPool&,
+    ParallelTag);
 
 // Which data dimensions of an array are large enough to split across threads:
 // the first data dimension is compared with `first_threshold`, the others with

@@ -71,8 +71,18 @@ class NERVA_API FormattedInputArray : public FormattedArray {
   void Reformat(size_t channel_position, size_t observation_position, FirstDataDims order);
   // As above for a named format; nothing happens when the array is in it.
   void Reformat(PreferredFormat format);
+  // The same moves with the parallel permutation: same blocks, same pool
+  // traffic, same bytes.
+  void Reformat(size_t channel_position, size_t observation_position, FirstDataDims order,
+                ParallelTag);
+  void Reformat(PreferredFormat format, ParallelTag);
 
  private:
+  // The common body of both Reformat(c, o, order) overloads.
+  void MoveTo(size_t channel_position, size_t observation_position, FirstDataDims order,
+              bool parallel);
+  void MoveTo(PreferredFormat format, bool parallel);
+
   SharedMemoryPool* pool;
   std::unique_ptr<CNNMemoryBlock> metadata;
   std::unique_ptr<CNNMemoryBlock> reformatted;

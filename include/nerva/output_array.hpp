@@ -85,6 +85,10 @@ class NERVA_API FormattedOutputArray : public FormattedArray {
   // given positions, alternating between the two data blocks.
   void Reformat(size_t channel_position, size_t observation_position);
   void Reformat(PreferredFormat format);
+  // The same moves with the parallel permutation: same blocks, same pool
+  // traffic, same bytes.
+  void Reformat(size_t channel_position, size_t observation_position, ParallelTag);
+  void Reformat(PreferredFormat format, ParallelTag);
 
   // Convolution geometry of data dimension `dim`: the data range and the
   // output increment from this array, window and input pairs from the caller.
@@ -124,6 +128,8 @@ class NERVA_API FormattedOutputArray : public FormattedArray {
   }
   // Makes a bounds block of 2n entries with firsts 0 and lasts `data_sizes`.
   void BoundsFromSizes(size_t const* data_sizes);
+  // The common body of both Reformat(c, o) overloads.
+  void MoveTo(size_t channel_position, size_t observation_position, bool parallel);
 };
 
 extern template class NERVA_API FormattedOutputArray<float>;

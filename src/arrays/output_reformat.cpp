@@ -17,6 +17,18 @@ void FormattedOutputArray<T>::ShallowReformat(size_t channel_position,
 // the next spare. Only the channel and observation positions are compared.
 template <typename T>
 void FormattedOutputArray<T>::Reformat(size_t channel_position, size_t observation_position) {
+  MoveTo(channel_position, observation_position, false);
+}
+
+template <typename T>
+void FormattedOutputArray<T>::Reformat(size_t channel_position, size_t observation_position,
+                                       ParallelTag) {
+  MoveTo(channel_position, observation_position, true);
+}
+
+template <typename T>
+void FormattedOutputArray<T>::MoveTo(size_t channel_position, size_t observation_position,
+                                     bool parallel) {
   if (observation_position == ObservationDimension() && channel_position == ChannelDimension()) {
     return;
   }
@@ -29,8 +41,11 @@ void FormattedOutputArray<T>::Reformat(size_t channel_position, size_t observati
               "FormattedOutputArray::Reformat: the array has no data buffer (", TotalNumElem(),
               " elements)");
   std::unique_ptr<CNNMemoryBlock> spare = std::move(staging_block);
-  staging_block = ReformatData<T>(static_cast<T const*>(allocated_block->data), channel_position,
-                                  observation_position, InOrder, std::move(spare), *pool);
+  T const* const src = static_cast<T const*>(allocated_block->data);
+  staging_block = parallel ? ReformatData<T>(src, channel_position, observation_position, InOrder,
+                                             std::move(spare), *pool, Parallel)
+                           : ReformatData<T>(src, channel_position, observation_position, InOrder,
+                                             std::move(spare), *pool);
 }
 
 template <typename T>
@@ -43,10 +58,23 @@ void FormattedOutputArray<T>::Reformat(PreferredFormat format) {
   }
 }
 
-#define NERVA_OUTPUT_REFORMAT(T)                                          \
-  template void FormattedOutputArray<T>::ShallowReformat(size_t, size_t); \
-  template void FormattedOutputArray<T>::Reformat(size_t, size_t);        \
-  template void FormattedOutputArray<T>::Reformat(PreferredFormat);
+template <typename T>
+void FormattedOutputArray<T>::Reformat(PreferredFormat format, ParallelTag) {
+  const size_t n = num_data_dims;
+  if (static_cast<unsigned char>(format) == KORVALFormat) {
+    MoveTo(n, n + 1, true);
+  } else {
+    MoveTo(0, 1, true);
+  }
+}
+
+#define NERVA_OUTPUT_REFORMAT(T)                                                 \
+  template void FormattedOutputArray<T>::ShallowReformat(size_t, size_t);        \
+  template void FormattedOutputArray<T>::Reformat(size_t, size_t);               \
+  template void FormattedOutputArray<T>::Reformat(size_t, size_t, ParallelTag);  \
+  template void FormattedOutputArray<T>::Reformat(PreferredFormat);              \
+  template void FormattedOutputArray<T>::Reformat(PreferredFormat, ParallelTag); \
+  template void FormattedOutputArray<T>::MoveTo(size_t, size_t, bool);
 
 NERVA_OUTPUT_REFORMAT(float)
 NERVA_OUTPUT_REFORMAT(double)

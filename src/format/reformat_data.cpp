@@ -12,6 +12,24 @@ std::unique_ptr<CNNMemoryBlock> FormattedArray::ReformatData(T const* src, size_
                                                              FirstDataDims firstDataDims,
                                                              std::unique_ptr<CNNMemoryBlock> dst,
                                                              SharedMemoryPool& pool) {
+  return ReformatDataWith(src, channelDim, observationDim, firstDataDims, std::move(dst), pool,
+                          false);
+}
+
+template <typename T>
+std::unique_ptr<CNNMemoryBlock> FormattedArray::ReformatData(T const* src, size_t channelDim,
+                                                             size_t observationDim,
+                                                             FirstDataDims firstDataDims,
+                                                             std::unique_ptr<CNNMemoryBlock> dst,
+                                                             SharedMemoryPool& pool, ParallelTag) {
+  return ReformatDataWith(src, channelDim, observationDim, firstDataDims, std::move(dst), pool,
+                          true);
+}
+
+template <typename T>
+std::unique_ptr<CNNMemoryBlock> FormattedArray::ReformatDataWith(
+    T const* src, size_t channelDim, size_t observationDim, FirstDataDims firstDataDims,
+    std::unique_ptr<CNNMemoryBlock> dst, SharedMemoryPool& pool, bool parallel) {
   const size_t n = num_data_dims;
 
   // All data extents 1 and channel/observation keep their relative order: the
@@ -33,8 +51,10 @@ std::unique_ptr<CNNMemoryBlock> FormattedArray::ReformatData(T const* src, size_
                               static_cast<size_t*>(permutation->data), n + 3);
 
   if (!dst) dst = pool.lease_or_error(TotalNumElem() * sizeof(T));
-  qel_permute::Permute<sizeof(T)>(src, dst->data, n + 3, static_cast<size_t*>(extents->data),
-                                  static_cast<size_t*>(permutation->data), nullptr, nullptr);
+  const auto permute =
+      parallel ? &qel_permute::ParallelPermute<sizeof(T)> : &qel_permute::Permute<sizeof(T)>;
+  permute(src, dst->data, n + 3, static_cast<size_t*>(extents->data),
+          static_cast<size_t*>(permutation->data), nullptr, nullptr);
 
   // The metadata follow only once the elements have moved. PopulateDimMap
   // keeps data dimensions in ascending order; the permutation above already
@@ -45,16 +65,18 @@ std::unique_ptr<CNNMemoryBlock> FormattedArray::ReformatData(T const* src, size_
   return dst;
 }
 
-template NERVA_API std::unique_ptr<CNNMemoryBlock> FormattedArray::ReformatData<float>(
-    float const*, size_t, size_t, FirstDataDims, std::unique_ptr<CNNMemoryBlock>,
-    SharedMemoryPool&);
-template NERVA_API std::unique_ptr<CNNMemoryBlock> FormattedArray::ReformatData<double>(
-    double const*, size_t, size_t, FirstDataDims, std::unique_ptr<CNNMemoryBlock>,
-    SharedMemoryPool&);
-template NERVA_API std::unique_ptr<CNNMemoryBlock> FormattedArray::ReformatData<unsigned char>(
-    unsigned char const*, size_t, size_t, FirstDataDims, std::unique_ptr<CNNMemoryBlock>,
-    SharedMemoryPool&);
-template NERVA_API std::unique_ptr<CNNMemoryBlock> FormattedArray::ReformatData<long>(
-    long const*, size_t, size_t, FirstDataDims, std::unique_ptr<CNNMemoryBlock>, SharedMemoryPool&);
+#define NERVA_REFORMAT_DATA(T)                                                                     \
+  template NERVA_API std::unique_ptr<CNNMemoryBlock> FormattedArray::ReformatData<T>(              \
+      T const*, size_t, size_t, FirstDataDims, std::unique_ptr<CNNMemoryBlock>,                    \
+      SharedMemoryPool&);                                                                          \
+  template NERVA_API std::unique_ptr<CNNMemoryBlock> FormattedArray::ReformatData<T>(              \
+      T const*, size_t, size_t, FirstDataDims, std::unique_ptr<CNNMemoryBlock>, SharedMemoryPool&, \
+      ParallelTag);
+
+NERVA_REFORMAT_DATA(float)
+NERVA_REFORMAT_DATA(double)
+NERVA_REFORMAT_DATA(unsigned char)
+NERVA_REFORMAT_DATA(long)
+#undef NERVA_REFORMAT_DATA
 
 }  // namespace nerva
