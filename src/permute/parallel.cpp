@@ -25,8 +25,13 @@ struct Split {
   std::size_t top;  // outermost loops whose indices units take
   Axis axis;
   std::size_t extent;  // of the axis
-  std::size_t step;    // per slice
+  std::size_t least;   // slices start at multiples of this
   std::size_t slices;  // per call
+
+  // Slice k: [bound(k), bound(k + 1)); each at least `least` long.
+  std::size_t bound(std::size_t k) const {
+    return k == slices ? extent : k * extent / slices / least * least;
+  }
 };
 
 // Cuts of a call stay multiples of what every kernel moves whole: 512
@@ -37,6 +42,9 @@ struct Split {
 constexpr std::size_t kCutBytes = 512;
 constexpr std::size_t kCutRows = 64;
 constexpr std::size_t kCutRunBytes = 4096;
+
+// Units smaller than this cost more in task overhead than a worker saves.
+constexpr std::size_t kMinTaskBytes = std::size_t{64} << 10;
 
 // The index of the top loops that a unit belongs to, as source and
 // destination offsets, advanced in order with carries. A loop that goes into
@@ -154,13 +162,10 @@ Split plan_split(Nest const& nest, std::size_t pieces, std::size_t minSlices) {
   }
   std::size_t const most = best->extent / best->least;
   if (most < 2) return split;
-  std::size_t const slices = std::min(want, most);
-  std::size_t step = (best->extent + slices - 1) / slices;
-  step = (step + best->least - 1) / best->least * best->least;
   split.axis = best->axis;
   split.extent = best->extent;
-  split.step = step;
-  split.slices = (best->extent + step - 1) / step;
+  split.least = best->least;
+  split.slices = std::min(want, most);
   return split;
 }
 
@@ -174,7 +179,11 @@ void execute_parallel(Plan plan, std::size_t width, Isa isa, Byte const* src, By
     return;
   }
   Nest const nest = make_nest(plan, width, isa, streamBytes);
-  std::size_t const pieces = std::max(8 * workers, bytes / std::max<std::size_t>(taskBytes, 1));
+  // Units aimed at: one per task's bytes, but at least two per worker and,
+  // while units stay above kMinTaskBytes, up to eight per worker.
+  std::size_t const pieces =
+      std::max(bytes / std::max<std::size_t>(taskBytes, 1),
+               std::min(8 * workers, std::max(2 * workers, bytes / kMinTaskBytes)));
   Split const split = plan_split(nest, pieces, 4 * workers);
   std::size_t outer = 1;
   for (std::size_t j = nest.rank - split.top; j < nest.rank; ++j) outer *= nest.loops[j].extent;
@@ -189,8 +198,7 @@ void execute_parallel(Plan plan, std::size_t width, Isa isa, Byte const* src, By
     Walk walk(nest.loops + nest.rank - split.top, split.top, nest.width, r.begin() / split.slices);
     std::size_t slice = r.begin() % split.slices;
     for (std::size_t u = r.begin(); u < r.end(); ++u) {
-      std::size_t const lo = slice * split.step;
-      std::size_t const hi = std::min(lo + split.step, split.extent);
+      std::size_t const lo = split.bound(slice), hi = split.bound(slice + 1);
       auto part = [&](Byte const* s, Byte* d) { call(nest, split.axis, lo, hi, s, d); };
       for_each_index(inner, innerRank, nest.width, src + walk.src, dst + walk.dst, part);
       if (++slice == split.slices) {
