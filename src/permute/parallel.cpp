@@ -3,6 +3,7 @@
 // of the destination, and a blocking parallel_for hands ranges of units to
 // the TBB workers of the calling arena.
 #include <oneapi/tbb/blocked_range.h>
+#include <oneapi/tbb/global_control.h>
 #include <oneapi/tbb/parallel_for.h>
 #include <oneapi/tbb/partitioner.h>
 #include <oneapi/tbb/task_arena.h>
@@ -173,7 +174,10 @@ void execute_parallel(Plan plan, std::size_t width, Isa isa, Byte const* src, By
                       std::size_t streamBytes, std::size_t parallelBytes, std::size_t taskBytes) {
   std::size_t bytes = width;
   for (std::size_t i = 0; i < plan.rank && !plan.empty; ++i) bytes *= plan.dims[i].extent;
-  std::size_t const workers = static_cast<std::size_t>(tbb::this_task_arena::max_concurrency());
+  // Threads that can take part: the arena's, within any global limit.
+  std::size_t const workers =
+      std::min(static_cast<std::size_t>(tbb::this_task_arena::max_concurrency()),
+               tbb::global_control::active_value(tbb::global_control::max_allowed_parallelism));
   if (plan.empty || plan.rank == 0 || bytes < parallelBytes || workers < 2) {
     execute(plan, width, isa, src, dst, streamBytes);
     return;
