@@ -36,9 +36,9 @@ Nest make_nest(Plan plan, std::size_t width, Isa isa, std::size_t streamBytes) {
   while (dims[k].srcStride != 1) ++k;
   std::size_t const c = k == 1 ? 2 : 1;
   nest.transpose = transpose_for(isa, width);
+  bool const stream = nest.bytes >= streamBytes;
   nest.shape = TransposeShape{
-      dims[0].extent,           dims[k].extent, dims[0].srcStride, dims[k].dstStride, 1, 0, 0,
-      nest.bytes >= streamBytes};
+      dims[0].extent, dims[k].extent, dims[0].srcStride, dims[k].dstStride, 1, 0, 0, stream};
   if (c < rank) {
     nest.shape.count = dims[c].extent;
     nest.shape.sC = dims[c].srcStride;

@@ -16,9 +16,9 @@ namespace qel_permute::detail {
 constexpr std::size_t kStreamBytes = std::size_t{2} << 20;
 
 // The loop nest of a planned permutation with at least one dimension: one
-// call for every index of `loops` (the last outermost), each call moving a
-// contiguous run of `run` bytes (no transpose) or a batch of planes. Run
-// copies keep loops[0] as their own inner loop.
+// kernel call, a batch of plane transposes, for every index of `loops` (the
+// last outermost); or, without a transpose, contiguous runs of `run` bytes,
+// loops[0] counting the runs of one call and the other loops around it.
 struct Nest {
   Dim* loops;
   std::size_t rank;       // of loops
