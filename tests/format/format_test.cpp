@@ -48,6 +48,7 @@ TEST(FormattedArray, WorkedExamplesOfBothLayouts) {
       {0, 1, {2, 3, 0, 1, 4}, {10, 30}, {1, 5}, {1, 2, 3, 4, 5}, {1, 2, 4, 3, 5}, {3, 4, 1, 2, 5}}};
   for (const Case& c : cases) {
     FormattedArray a(2, c.c, c.o, 4, counting::functions(), 1);
+    EXPECT_EQ(sizes_of(a), V(5, 0));  // until a size setter runs
     a.SetSizesInDefaultFormat(kSizes, 5);
     EXPECT_EQ(map_of(a), c.map);
     EXPECT_EQ(increments_of(a), c.increments);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <new>
 #include <stdexcept>
@@ -61,6 +62,7 @@ void* allocate(std::size_t bytes) {
                   ? nullptr
                   : std::aligned_alloc(64, (bytes + 64) / 64 * 64);
     if (p == nullptr) return ++s.stats.failures, nullptr;
+    std::memset(p, 0xA5, bytes);  // what a reader of unwritten memory would see
     s.live.emplace(p, bytes);
     s.live_bytes += bytes;
     ++s.stats.allocations;
