@@ -114,6 +114,34 @@ TEST(LeaseOrError, ReportsOnlyWhenEveryPartyWaits) {
   EXPECT_EQ(counting::stats().failures, failures + 1);
 }
 
+// Waiters are served by the blocks a finishing party gives back, then by parties leaving (a
+// waiter that read the count after an earlier departure needs another); none reports meanwhile.
+TEST(LeaseOrError, WaitersAreServedByAFinishingParty) {
+  counting::LeakCheck check;
+  constexpr std::size_t kBytes = 1 << 16;
+  constexpr int kWaiters = 3, kSpare = 6;
+  SharedMemoryPool pool(counting::functions(), &counting::throwing_error, 1 + kWaiters + kSpare);
+  std::vector<std::unique_ptr<CNNMemoryBlock>> held, got(kWaiters);
+  for (int i = 0; i < kWaiters; ++i) held.push_back(pool.lease(kBytes));
+  counting::fail_above(4096);  // no fresh large block from now on
+  std::atomic<int> done{0};
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < kWaiters; ++i)
+    waiters.emplace_back([&, i] { got[i] = pool.lease_or_error(kBytes), ++done; });
+  while (pool.waiting_requests.load() < kWaiters) std::this_thread::yield();
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(done.load(), 0);
+  for (auto& block : held) pool.checkin(std::move(block));
+  for (int left = 0; done.load() < kWaiters && left < kSpare; ++left) {
+    --pool.active_users;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  for (auto& th : waiters) th.join();
+  for (auto const& block : got) EXPECT_EQ(block->allocated_size(), kBytes);
+  EXPECT_EQ(pool.waiting_requests.load(), 0);
+  EXPECT_TRUE(pool.blocks.empty());
+}
+
 // Leases and checkins of sizes on both sides of the threshold from several threads: every
 // block not idle went back to the allocator.
 TEST(SharedMemoryPool, ManyThreadsAccountForEveryBlock) {
