@@ -53,6 +53,10 @@ TEST(StridedCopy, TableWordsAndResultSizes) {
     ASSERT_EQ(block->allocated_size(), k * s.planes() * sizeof(float));
     pool.checkin(std::move(block));
   }
+  // An empty range may carry any increment, 0 included: no offsets, strides 1 and 4, counts 4, 0.
+  Block const table = build(Selection{{4, 4, 1, 1}, {0, 2}, {4, 2}, {1, 0}});
+  auto const* w = static_cast<std::size_t const*>(table->data);
+  EXPECT_EQ(std::vector<std::size_t>(w, w + 4), (std::vector<std::size_t>{1, 4, 4, 0}));
 }
 
 // A failed or throwing allocation (the temporary table's or the result's) leaks nothing, and a

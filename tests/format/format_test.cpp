@@ -67,18 +67,14 @@ TEST(FormattedArray, WorkedExamplesOfBothLayouts) {
 // needs the sequence last.
 TEST(FormattedArray, FormatTests) {
   counting::LeakCheck check;
-  const struct {
-    size_t n, c, o, s;
-    bool korval, chained;
-  } cases[] = {{0, 0, 1, 2, true, true},
-               {0, 0, 1, 7, false, true},
-               {0, 1, 0, 2, false, false},
-               {1, 0, 2, 3, false, false},
-               {1, 2, 1, 3, false, false}};
-  for (auto const& c : cases) {
-    FormattedArray a(c.n, c.c, c.o, c.s, counting::functions(), 1);
-    EXPECT_EQ(a.IsInKORVALFormat(), c.korval) << c.n << c.c << c.o << c.s;
-    EXPECT_EQ(a.IsInChainedFormat(), c.chained) << c.n << c.c << c.o << c.s;
+  // data dimensions, channel, observation and sequence positions, KORVAL, chained
+  const size_t cases[][6] = {{0, 0, 1, 2, 1, 1}, {0, 0, 1, 7, 0, 1}, {0, 1, 0, 2, 0, 0},
+                             {0, 0, 2, 1, 0, 0}, {0, 2, 1, 0, 0, 0}, {1, 0, 2, 3, 0, 0},
+                             {1, 2, 1, 3, 0, 0}};
+  for (auto const& [n, c, o, s, korval, chained] : cases) {
+    FormattedArray a(n, c, o, s, counting::functions(), 1);
+    EXPECT_EQ(a.IsInKORVALFormat(), korval == 1) << n << c << o << s;
+    EXPECT_EQ(a.IsInChainedFormat(), chained == 1) << n << c << o << s;
   }
 }
 
