@@ -80,7 +80,7 @@ TEST(FormattedArray, FormatTests) {
 
 // Sizes in current format go by layout position, trailing positions from `count` on are 1.
 // Reverse flips the data increments only, survives a recomputation and undoes itself; the swap
-// renames channel and observation in place.
+// renames channel and observation in place. Scalar: every data size 1.
 TEST(FormattedArray, SizesByPositionReverseAndSwap) {
   counting::LeakCheck check;
   FormattedArray a(2, 0, 1, 4, counting::functions(), 1);
@@ -96,7 +96,15 @@ TEST(FormattedArray, SizesByPositionReverseAndSwap) {
   a.SwapChannelAndObservations();
   EXPECT_EQ(sizes_of(a), (V{3, 4, 2, 5, 3}));
   EXPECT_EQ(map_of(a), (V{2, 3, 1, 0, 4}));
-  EXPECT_EQ(a.ChannelIncrement(), 5u);  // the former observation's
+  EXPECT_EQ(a.ChannelIncrement(), 5u);   // the former observation's
+  a.SetSizesInDefaultFormat(kSizes, 4);  // the sequence from the default 1
+  EXPECT_EQ(sizes_of(a), (V{3, 4, 5, 2, 1}));
+  const size_t flat[] = {1, 4}, unit[] = {1, 1};
+  a.OverrideSizes(flat, 6, 7);  // the sequence stays
+  EXPECT_EQ(sizes_of(a), (V{1, 4, 6, 7, 1}));
+  EXPECT_FALSE(a.IsScalar());
+  a.OverrideSizes(unit, 6, 7);
+  EXPECT_TRUE(a.IsScalar());
 }
 
 // A dimension splits only when strictly above its threshold (the first data dimension has its
