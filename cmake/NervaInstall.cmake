@@ -8,6 +8,8 @@ install(TARGETS nerva qel_permute EXPORT nervaTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(DIRECTORY include/nerva include/qel_permute DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES ${PROJECT_BINARY_DIR}/include/nerva/config.hpp
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/nerva)
 install(EXPORT nervaTargets NAMESPACE nerva:: DESTINATION ${NERVA_CMAKE_DIR})
 
 configure_package_config_file(cmake/nervaConfig.cmake.in

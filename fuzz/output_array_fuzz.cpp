@@ -12,7 +12,7 @@
 #include <numeric>
 #include <vector>
 
-#include "../tests/concurrency/ranged_copy_reference.hpp"
+#include "ranged_copy_reference.hpp"
 #include "fuzz_support.hpp"
 #include "nerva/output_array.hpp"
 

@@ -8,7 +8,7 @@
 #include <numeric>
 #include <vector>
 
-#include "../tests/concurrency/ranged_copy_reference.hpp"
+#include "ranged_copy_reference.hpp"
 #include "fuzz_support.hpp"
 #include "nerva/copy.hpp"
 

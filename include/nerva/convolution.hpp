@@ -23,12 +23,21 @@ struct NERVA_API ConvolutionDimensionDescriptor {
 };
 
 // As above for an output that keeps every stride-th position of its range;
-// `last` is tightened to one past the last sampled position.
-struct NERVA_API StridedConvolutionDimensionDescriptor : ConvolutionDimensionDescriptor {
+// `last` is tightened to one past the last sampled position. The fields are
+// repeated rather than inherited, so that no owner of the plain record can
+// take (and half-destroy) a strided one.
+struct NERVA_API StridedConvolutionDimensionDescriptor {
   StridedConvolutionDimensionDescriptor(std::size_t first, std::size_t last,
                                         std::size_t windowExtent, std::size_t inputExtent,
                                         std::size_t stride);
 
+  std::size_t first;
+  std::size_t last;
+  long outputIncrement = 1;
+  std::size_t windowExtent;
+  long windowIncrement = 1;
+  std::size_t inputExtent;
+  long inputIncrement = 1;
   std::size_t stride;
 };
 
@@ -62,10 +71,30 @@ struct NERVA_API ConvolutionNDDescriptor {
   std::size_t inputDimensionCount;
 };
 
-struct NERVA_API StridedConvolutionNDDescriptor : ConvolutionNDDescriptor {
-  using ConvolutionNDDescriptor::ConvolutionNDDescriptor;
+// The N-D record with the output's strides; the fields of the plain record
+// are repeated, not inherited (see the strided per-dimension record).
+struct NERVA_API StridedConvolutionNDDescriptor {
+  StridedConvolutionNDDescriptor(std::size_t const* firsts, std::size_t const* lasts,
+                                 std::size_t const* windowExtents, std::size_t windowCount,
+                                 std::size_t const* inputExtents, std::size_t inputCount);
+  // Releases `strides` first, then the arrays of the plain record.
   ~StridedConvolutionNDDescriptor();
 
+  StridedConvolutionNDDescriptor(const StridedConvolutionNDDescriptor&) = delete;
+  StridedConvolutionNDDescriptor& operator=(const StridedConvolutionNDDescriptor&) = delete;
+
+  void SetDenseIncrements(std::size_t const* strides);
+
+  std::size_t* firsts = nullptr;
+  std::size_t* lasts = nullptr;
+  std::size_t* windowExtents = nullptr;
+  std::size_t* inputExtents = nullptr;
+  long* outputIncrements = nullptr;
+  long* windowIncrements = nullptr;
+  long* inputIncrements = nullptr;
+  std::size_t dimensionCount;
+  std::size_t windowDimensionCount;
+  std::size_t inputDimensionCount;
   std::size_t* strides = nullptr;
 };
 

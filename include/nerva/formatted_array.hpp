@@ -3,10 +3,21 @@
 #include <cstddef>
 #include <memory>
 
+#include "nerva/config.hpp"
 #include "nerva/detail/export.hpp"
 #include "nerva/memory.hpp"
 
 namespace nerva {
+
+#if NERVA_CHECKED
+namespace detail {
+// Checked build only: throw std::invalid_argument with "<function>: <what>
+// index <index> out of range (<count> <unit>)", or with `message`.
+[[noreturn]] NERVA_API void ThrowIndexOutOfRange(char const* function, char const* what,
+                                                 size_t index, size_t count, char const* unit);
+[[noreturn]] NERVA_API void ThrowInvalidArgument(char const* message);
+}  // namespace detail
+#endif
 
 // Order of the first two data dimensions in a layout. Only Swapped (1) is
 // acted upon; any other value behaves as InOrder.
@@ -42,10 +53,17 @@ class NERVA_API FormattedArray {
 
   size_t NumDataDimensions() const { return num_data_dims; }
   size_t NumDimensions() const { return num_data_dims + 3; }
-  // The three indexed accessors are out of line so that the checked build
-  // can verify the index (any logical dimension for DataSize and
-  // DataDimension, a data dimension for DataIncrement).
-  size_t DataSize(size_t i) const;
+  // The three indexed accessors are inline loads; the checked build verifies
+  // the index first (any logical dimension for DataSize and DataDimension, a
+  // data dimension for DataIncrement).
+  size_t DataSize(size_t i) const {
+#if NERVA_CHECKED
+    if (i >= num_data_dims + 3)
+      detail::ThrowIndexOutOfRange("FormattedArray::DataSize", "dimension", i, num_data_dims + 3,
+                                   "dimensions");
+#endif
+    return sizes[i];
+  }
   size_t NumChannels() const { return sizes[num_data_dims]; }
   size_t NumObservations() const { return sizes[num_data_dims + 1]; }
   // Product of the data sizes; 1 when there are none.
@@ -57,11 +75,25 @@ class NERVA_API FormattedArray {
   // True when every data dimension has size 1.
   bool IsScalar() const;
 
-  long DataIncrement(size_t i) const;
+  long DataIncrement(size_t i) const {
+#if NERVA_CHECKED
+    if (i >= num_data_dims)
+      detail::ThrowIndexOutOfRange("FormattedArray::DataIncrement", "data dimension", i,
+                                   num_data_dims, "data dimensions");
+#endif
+    return data_increments[i];
+  }
   const long* DataIncrements() const { return data_increments; }
   long BaseIncrement() const { return base_increment; }
 
-  size_t DataDimension(size_t i) const;
+  size_t DataDimension(size_t i) const {
+#if NERVA_CHECKED
+    if (i >= num_data_dims + 3)
+      detail::ThrowIndexOutOfRange("FormattedArray::DataDimension", "dimension", i,
+                                   num_data_dims + 3, "dimensions");
+#endif
+    return dim_map[i];
+  }
   size_t ChannelDimension() const { return dim_map[num_data_dims]; }
   size_t ObservationDimension() const { return dim_map[num_data_dims + 1]; }
   size_t SequenceDimension() const { return dim_map[num_data_dims + 2]; }

@@ -69,9 +69,17 @@ class NERVA_API FormattedOutputArray : public FormattedArray {
 
   size_t const* Firsts() const { return firsts; }
   bool IsStrided() const { return strides != nullptr; }
-  // Valid only when IsStrided(); out of line so that the checked build can
-  // verify that and the index.
-  size_t Stride(size_t dim) const;
+  // Valid only when IsStrided(); the checked build verifies that and the index.
+  size_t Stride(size_t dim) const {
+#if NERVA_CHECKED
+    if (strides == nullptr)
+      detail::ThrowInvalidArgument("FormattedOutputArray::Stride: the array has no strides");
+    if (dim >= num_data_dims)
+      detail::ThrowIndexOutOfRange("FormattedOutputArray::Stride", "data dimension", dim,
+                                   num_data_dims, "data dimensions");
+#endif
+    return strides[dim];
+  }
   // First element of the data region, past the leading padding.
   T* UnpaddedData();
   // New extents of the data dimensions keeping the contents (anchored at index

@@ -54,14 +54,6 @@ void FormattedOutputArray<T>::CopyDataBounds(size_t const* firsts_, size_t const
   padding = new_padding;
 }
 
-template <typename T>
-size_t FormattedOutputArray<T>::Stride(size_t dim) const {
-  NERVA_CHECK(strides != nullptr, "FormattedOutputArray::Stride: the array has no strides");
-  NERVA_CHECK(dim < num_data_dims, "FormattedOutputArray::Stride: data dimension index ", dim,
-              " out of range (", num_data_dims, " data dimensions)");
-  return strides[dim];
-}
-
 // Only the leading padding counts; channel and observation offsets are 0.
 // The offset is applied in integer arithmetic so that an array without a
 // block still reports where its data region would start, without forming an
@@ -82,8 +74,7 @@ T* FormattedOutputArray<T>::UnpaddedData() {
 #define NERVA_OUTPUT_BOUNDS(T)                                                         \
   template void FormattedOutputArray<T>::CopyDataBounds(size_t const*, size_t const*,  \
                                                         size_t const*, size_t const*); \
-  template T* FormattedOutputArray<T>::UnpaddedData();                                 \
-  template size_t FormattedOutputArray<T>::Stride(size_t) const;
+  template T* FormattedOutputArray<T>::UnpaddedData();
 
 NERVA_OUTPUT_BOUNDS(float)
 NERVA_OUTPUT_BOUNDS(double)

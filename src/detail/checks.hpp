@@ -38,7 +38,9 @@ inline void check_permutation(char const* function, std::size_t const* perm, std
 
 }  // namespace nerva::detail
 
-#ifdef NERVA_CHECKED
+// NERVA_CHECKED comes from the command line (the build of the libraries) or
+// from nerva/config.hpp, as 0 or 1.
+#if defined(NERVA_CHECKED) && NERVA_CHECKED
 #define NERVA_CHECKED_BUILD 1
 #else
 #define NERVA_CHECKED_BUILD 0

@@ -20,23 +20,19 @@ FormattedArray::FormattedArray(size_t num_data_dims_, size_t channel_position,
   PopulateDimMap(channel_position, observation_position, sequence_position);
 }
 
-size_t FormattedArray::DataSize(size_t i) const {
-  NERVA_CHECK(i < num_data_dims + 3, "FormattedArray::DataSize: dimension index ", i,
-              " out of range (", num_data_dims + 3, " dimensions)");
-  return sizes[i];
+#if NERVA_CHECKED_BUILD
+namespace detail {
+
+void ThrowIndexOutOfRange(char const* function, char const* what, size_t index, size_t count,
+                          char const* unit) {
+  invalid_argument(function, ": ", what, " index ", index, " out of range (", count, " ", unit,
+                   ")");
 }
 
-long FormattedArray::DataIncrement(size_t i) const {
-  NERVA_CHECK(i < num_data_dims, "FormattedArray::DataIncrement: data dimension index ", i,
-              " out of range (", num_data_dims, " data dimensions)");
-  return data_increments[i];
-}
+void ThrowInvalidArgument(char const* message) { invalid_argument(message); }
 
-size_t FormattedArray::DataDimension(size_t i) const {
-  NERVA_CHECK(i < num_data_dims + 3, "FormattedArray::DataDimension: dimension index ", i,
-              " out of range (", num_data_dims + 3, " dimensions)");
-  return dim_map[i];
-}
+}  // namespace detail
+#endif
 
 size_t FormattedArray::NumDataElem() const {
   size_t product = 1;

@@ -1,5 +1,7 @@
 // Input and output arrays: the worked cases of each operation, one layer step
-// end to end, and every allocation of both sides made to fail in turn.
+// end to end, and every allocation of both sides made to fail in turn. Every
+// test that reformats runs with and without the Parallel tag and expects the
+// same elements, blocks and pool traffic.
 
 #include <gtest/gtest.h>
 
@@ -74,6 +76,17 @@ std::unique_ptr<FormattedArray> korval_format(std::size_t w, std::size_t h, std:
   return f;
 }
 
+template <class Array, class... Args>
+void reformat(bool parallel, Array& a, Args... args) {
+  if (parallel)
+    a.Reformat(args..., Parallel);
+  else
+    a.Reformat(args...);
+}
+
+class Arrays : public ::testing::TestWithParam<bool> {};
+INSTANTIATE_TEST_SUITE_P(SerialAndParallel, Arrays, ::testing::Bool());
+
 TEST(InputArray, ConstructorsAndNothingToRelinquish) {
   Pooled p;
   const float elements[1] = {0};
@@ -95,11 +108,11 @@ TEST(InputArray, ConstructorsAndNothingToRelinquish) {
 
 // Subsample reads the newest elements (the own copy when there is one) and
 // returns the block it replaces to the pool.
-TEST(InputArray, SubsampleReadsTheNewestElements) {
+TEST_P(Arrays, SubsampleReadsTheNewestElements) {
   Pooled p;
   constexpr std::size_t w = 20, h = 12, c = 3, n = 2;
   FormattedInputArray<float> a(p.pool, korval_block(w, h, c, n), korval_format(w, h, c, n).get());
-  a.Reformat(ChainedFormat);
+  reformat(GetParam(), a, ChainedFormat);
   const void* copy = a.Data();  // 5760 bytes: pooled when given back
   const std::size_t f1[2] = {1, 2}, l1[2] = {20, 12}, i1[2] = {3, 4};
   a.Subsample(f1, l1, i1, nullptr);
@@ -118,7 +131,7 @@ TEST(InputArray, SubsampleReadsTheNewestElements) {
 
 // The destructor checks the own block in together with the handed-over
 // source: the size of the own block alone decides for both.
-TEST(InputArray, DestructorTwoBlockCheckIn) {
+TEST_P(Arrays, DestructorTwoBlockCheckIn) {
   Pooled p;
   auto format = korval_format(32, 32, 2, 1);  // 2048 floats: 8 KiB
   auto block = korval_block(32, 32, 2, 1);
@@ -126,7 +139,7 @@ TEST(InputArray, DestructorTwoBlockCheckIn) {
   void* copy = nullptr;
   {
     FormattedInputArray<float> a(p.pool, std::move(block), format.get());
-    a.Reformat(ChainedFormat);
+    reformat(GetParam(), a, ChainedFormat);
     copy = const_cast<float*>(a.Data());
   }
   EXPECT_EQ(idle_data(p.pool), (std::vector<void*>{copy, handed}));
@@ -148,28 +161,30 @@ TEST(InputArray, DestructorTwoBlockCheckIn) {
   EXPECT_EQ(idle_data(p.pool), std::vector<void*>{handed});
 }
 
-// Swapped at the current positions moves the data; a second moving
-// reformat reads the source again with the metadata of the first result, so
-// back to KORVAL transposes the source as if it were the swapped layout, into
-// the same own block; an order byte other than 0 and 1 never matches.
-TEST(InputReformat, OrderQuirks) {
+// Swapped at the current positions moves the data, and asking again moves
+// nothing; a second moving reformat reads the source again with the metadata
+// of the first result, so back to KORVAL transposes the source as if it were
+// the swapped layout, into the same own block; an order byte other than 0 and
+// 1 never matches.
+TEST_P(Arrays, InputReformatOrderQuirks) {
   Pooled p;
   constexpr std::size_t w = 5, h = 3;
   auto src = korval<float>(w, h, 2, 1);
   const std::size_t sizes[4] = {w, h, 2, 1};
   FormattedInputArray<float> in(p.pool, src.data(), sizes, 4, 2, 2, 3, nullptr);
-  in.Reformat(2, 3, Swapped);
+  reformat(GetParam(), in, 2, 3, Swapped);
+  reformat(GetParam(), in, 2, 3, Swapped);
   const float* copy = in.Data();
   for (std::size_t i = 0; i < w * h * 2; ++i)
     ASSERT_EQ(copy[i], value<float>(i / h % w, i % h, i / (w * h), 0)) << i;
-  in.Reformat(KORVALFormat);  // channel and observation in place, order not
+  reformat(GetParam(), in, KORVALFormat);  // channel and observation in place, order not
   EXPECT_TRUE(in.IsInKORVALFormat());
   ASSERT_EQ(in.Data(), copy);
   for (std::size_t i = 0; i < w * h * 2; ++i)
     ASSERT_EQ(copy[i], src[i / (w * h) * w * h + i % (w * h) / w + h * (i % w)]) << i;
 
   FormattedInputArray<float> again(p.pool, src.data(), sizes, 4, 2, 2, 3, nullptr);
-  again.Reformat(2, 3, static_cast<FirstDataDims>(2));
+  reformat(GetParam(), again, 2, 3, static_cast<FirstDataDims>(2));
   ASSERT_NE(again.Data(), src.data());
   EXPECT_EQ(std::vector<float>(again.Data(), again.Data() + src.size()), src);
 }
@@ -177,43 +192,32 @@ TEST(InputReformat, OrderQuirks) {
 // Data extents 1 and the channel/observation order kept: metadata only; an
 // existing own block goes back to the pool and Data() is the source again.
 // Zero elements, input or output: only the map changes.
-TEST(Reformat, NoElementToMoveKeepsTheSource) {
+TEST_P(Arrays, NoElementToMoveKeepsTheSource) {
   Pooled p;
+  const bool parallel = GetParam();
   auto src = korval<float>(1, 1, 64, 32);  // 8 KiB
   const std::size_t sizes[4] = {1, 1, 64, 32};
   FormattedInputArray<float> in(p.pool, src.data(), sizes, 4, 2, 2, 3, nullptr);
-  in.Reformat(ChainedFormat);
+  reformat(parallel, in, ChainedFormat);
   EXPECT_EQ(in.Data(), src.data());
-  in.Reformat(1, 0, InOrder);  // order of the pair changes: moves
+  reformat(parallel, in, 1, 0, InOrder);  // order of the pair changes: moves
   const float* own = in.Data();
   EXPECT_EQ(own[1], value<float>(0, 0, 0, 1));
-  in.Reformat(3, 2, InOrder);  // order kept: metadata only
+  reformat(parallel, in, 3, 2, InOrder);  // order kept: metadata only
   EXPECT_EQ(in.Data(), src.data());
   EXPECT_EQ(idle_data(p.pool), std::vector<void*>{const_cast<float*>(own)});
 
   const std::size_t empty_sizes[4] = {5, 0, 3, 2};
   FormattedInputArray<double> empty(p.pool, nullptr, empty_sizes, 4, 2, 2, 3, nullptr);
-  empty.Reformat(ChainedFormat);
+  reformat(parallel, empty, ChainedFormat);
   EXPECT_EQ(empty.DataIncrement(0), 6);
+  EXPECT_EQ(empty.SequenceDimension(), 4u);
   EXPECT_EQ(empty.Data(), nullptr);
   const std::size_t firsts[2] = {0, 4}, lasts[2] = {8, 4};
   FormattedOutputArray<double> none(p.pool, firsts, lasts, nullptr, 2, 3, 2, nullptr, Zeros);
-  none.Reformat(ChainedFormat);
+  reformat(parallel, none, ChainedFormat);
   EXPECT_EQ(none.DataIncrement(0), 6);
   EXPECT_EQ(none.Data(), nullptr);
-}
-
-TEST(OutputArray, StridedAndPaddedSizes) {
-  Pooled p;
-  const std::size_t pad[2] = {1, 2};
-  // first, last, stride (0: no stride table), padded, size
-  const std::size_t cases[][5] = {{0, 10, 3, 0, 4}, {0, 9, 3, 0, 3},  {6, 5, 7, 0, 0},
-                                  {2, 9, 1, 0, 7},  {0, 10, 3, 1, 7}, {4, 4, 0, 1, 3}};
-  for (auto const& [first, last, stride, padded, size] : cases) {
-    FormattedOutputArray<float> out(p.pool, &first, &last, stride ? &stride : nullptr, 1, 1, 1,
-                                    padded ? pad : nullptr, Unallocated);
-    EXPECT_EQ(out.DataSize(0), size) << first << ".." << last << " by " << stride;
-  }
 }
 
 // A dirty pooled block shows which modes fill and which leave the contents,
@@ -268,32 +272,31 @@ TEST(OutputArray, FromFormatTakeOverAndLike) {
 // the first buffer (now the staging block) and the chained copy is the spare.
 // Destruction checks in the staging block first. Relinquish gives the current
 // data first, then the spare.
-TEST(OutputReformat, TwoBuffersRelinquishAndDestroy) {
+TEST_P(Arrays, OutputTwoBuffersRelinquishAndDestroy) {
   Pooled p;
+  const bool parallel = GetParam();
   const std::size_t sizes[2] = {W, H};
   float *first, *second;
   {
     FormattedOutputArray<float> out(p.pool, sizes, 2, C, N, 2, 3, Uninitialized);
     first = out.Data();
     std::memcpy(first, korval<float>(W, H, C, N).data(), W * H * C * N * 4);
-    out.Reformat(ChainedFormat);
+    reformat(parallel, out, ChainedFormat);
     second = out.Data();
-    counting::fail_above(4095);   // from now on a data block lease throws
-    out.Reformat(ChainedFormat);  // already there, even with two blocks
+    counting::fail_above(4095);              // from now on a data block lease throws
+    reformat(parallel, out, ChainedFormat);  // already there, even with two blocks
     EXPECT_EQ(out.Data(), second);
-    out.Reformat(2, 3);
+    reformat(parallel, out, 2, 3);
     EXPECT_EQ(out.Data(), first);
     EXPECT_EQ(std::vector<float>(first, first + W * H * C * N), korval<float>(W, H, C, N));
-    out.Reformat(ChainedFormat);
-    out.Reformat(KORVALFormat);
+    reformat(parallel, out, ChainedFormat);
+    reformat(parallel, out, KORVALFormat);
     counting::fail_above(SIZE_MAX);
-    for (std::size_t i = 0; i < W * H * C * N; ++i)
-      ASSERT_EQ(second[i], value<float>(i / (C * N) % W, i / (C * N * W), i % C, i / C % N)) << i;
   }
   EXPECT_EQ(idle_data(p.pool), (std::vector<void*>{first, second}));
 
   FormattedOutputArray<float> out(p.pool, sizes, 2, C, N, 2, 3, Zeros);
-  out.Reformat(ChainedFormat);
+  reformat(parallel, out, ChainedFormat);
   void* current = out.Data();
   auto block = out.Relinquish();
   ASSERT_EQ(block->data, current);
@@ -329,55 +332,23 @@ TEST(OutputArray, BypassPoolOrAllocate) {
   }
 }
 
-// Element at chained index i of extents `ext` (channel first), or 0 when one
-// of its indices is not below the matching entry of `keep`.
-template <typename T>
-T element(std::size_t i, std::vector<std::size_t> const& ext,
-          std::vector<std::size_t> const& keep) {
-  std::size_t v = 1;
-  for (std::size_t d = 0; d < ext.size(); i /= ext[d++]) {
-    if (i % ext[d] >= keep[d]) return T(0);
-    v += i % ext[d] * (3 + 4 * d);
-  }
-  return static_cast<T>(v % 249);
-}
-
-template <typename T>
-class SetDataRanges : public ::testing::Test {};
-using OutputTypes = ::testing::Types<float, double, unsigned char, long>;
-TYPED_TEST_SUITE(SetDataRanges, OutputTypes);
-
-// Against a naive reference: the common corner keeps its contents at the
-// same indices, everything else is zero, the increments stay those of the old
-// sizes, and the old buffer goes back to the pool. The current sizes change
-// nothing.
-TYPED_TEST(SetDataRanges, GrowAndShrinkKeepTheCommonCorner) {
-  using T = TypeParam;
+// The contents against a naive reference are the output-array fuzz target's
+// (run as a test): here the increments stay those of the old sizes, the old
+// buffer goes back to the pool, and the current sizes change nothing.
+TEST(OutputArray, SetDataRangesBlocksAndIncrements) {
   Pooled p;
-  // Extents with channels and observations first.
-  const std::vector<std::size_t> cases[][2] = {{{3, 2, 24, 20}, {3, 2, 30, 12}},
-                                               {{3, 2, 30, 12, 3}, {3, 2, 20, 15, 5}},
-                                               {{3, 2, 4}, {3, 2, 6}},
-                                               {{3, 2, 6}, {3, 2, 4}},
-                                               {{3, 2, 9}, {3, 2, 9}}};
-  for (auto const& [from, to] : cases) {
-    p.pool.blocks.clear();
-    const std::size_t n = from.size() - 2;
-    FormattedOutputArray<T> out(p.pool, &from[2], n, 3, 2, 0, 1, Uninitialized);
-    for (std::size_t i = 0; i < out.TotalNumElem(); ++i) out.Data()[i] = element<T>(i, from, from);
-    const std::vector<long> increments(out.DataIncrements(), out.DataIncrements() + n);
-    void* old = out.Data();
-    const bool pooled = from != to && out.TotalNumElem() * sizeof(T) >= 4096;
-
-    out.SetDataRanges(&to[2]);
-    EXPECT_EQ(std::vector<long>(out.DataIncrements(), out.DataIncrements() + n), increments);
-    EXPECT_EQ(idle_data(p.pool), pooled ? std::vector<void*>{old} : std::vector<void*>{});
-    EXPECT_EQ(static_cast<void*>(out.Data()) == old, from == to);
-    for (std::size_t i = 0; i < out.TotalNumElem(); ++i)
-      ASSERT_EQ(out.Data()[i], element<T>(i, to, from)) << i;
-    out.SetSizeArray(3, 2);  // recomputes the sizes from the bounds
-    EXPECT_EQ(out.DataSize(0), from[2]);
-  }
+  const std::size_t from[2] = {24, 20}, to[2] = {30, 12};
+  FormattedOutputArray<double> out(p.pool, from, 2, 3, 2, 0, 1, Zeros);
+  void* old = out.Data();
+  out.SetDataRanges(from);
+  EXPECT_EQ(out.Data(), old);
+  EXPECT_TRUE(p.pool.blocks.empty());
+  out.SetDataRanges(to);
+  EXPECT_EQ(std::vector<long>(out.DataIncrements(), out.DataIncrements() + 2),
+            (std::vector<long>{6, 144}));
+  EXPECT_EQ(idle_data(p.pool), std::vector<void*>{old});
+  out.SetSizeArray(3, 2);  // recomputes the sizes from the bounds
+  EXPECT_EQ(out.DataSize(0), 24u);
 }
 
 // One layer step from entry to end: wrap a KORVAL input, reformat it to the
@@ -398,10 +369,10 @@ T expected(std::size_t x, std::size_t y, std::size_t k, std::size_t b) {
 // input's own copy and the chained output buffer were.
 template <typename T>
 void run_step(SharedMemoryPool& pool, std::vector<T> const& korval, void* where[2],
-              std::unique_ptr<CNNMemoryBlock>& result) {
+              std::unique_ptr<CNNMemoryBlock>& result, bool parallel) {
   const std::size_t in_sizes[4] = {W, H, C, N};
   FormattedInputArray<T> in(pool, korval.data(), in_sizes, 4, 2, 2, 3, nullptr);
-  in.Reformat(ChainedFormat);
+  reformat(parallel, in, ChainedFormat);
   const T* src = in.Data();
   where[0] = const_cast<T*>(src);
 
@@ -419,7 +390,7 @@ void run_step(SharedMemoryPool& pool, std::vector<T> const& korval, void* where[
               static_cast<T>(src[k % C + C * (b + N * (x + W * y))] + static_cast<T>(k));
         }
 
-  out.Reformat(KORVALFormat);
+  reformat(parallel, out, KORVALFormat);
   result = out.Relinquish();
   ASSERT_EQ(result->allocated_size(), X * Y * K * N * sizeof(T));
   const T* data = static_cast<const T*>(result->data);
@@ -434,23 +405,25 @@ TYPED_TEST_SUITE(LayerStep, InputTypes);
 
 TYPED_TEST(LayerStep, EndToEndAndBlocksReturnToThePool) {
   using T = TypeParam;
-  Pooled p;
-  const std::vector<T> src = korval<T>(W, H, C, N);
-  void* first[2];
-  std::unique_ptr<CNNMemoryBlock> result;
-  run_step<T>(p.pool, src, first, result);
-  // The output's spare first, then the input's copy; metadata, bounds and
-  // temporary tables were all freed.
-  EXPECT_EQ(idle_data(p.pool), (std::vector<void*>{first[1], first[0]}));
-  EXPECT_EQ(counting::live_blocks(), 3u);
+  for (bool parallel : {false, true}) {
+    Pooled p;
+    const std::vector<T> src = korval<T>(W, H, C, N);
+    void* first[2];
+    std::unique_ptr<CNNMemoryBlock> result;
+    run_step<T>(p.pool, src, first, result, parallel);
+    // The output's spare first, then the input's copy; metadata, bounds and
+    // temporary tables were all freed.
+    EXPECT_EQ(idle_data(p.pool), (std::vector<void*>{first[1], first[0]}));
+    EXPECT_EQ(counting::live_blocks(), 3u);
 
-  // The host gives the result back; the next step runs on pooled memory only
-  // (a fresh data-sized block would fail) and the zero fill clears the
-  // recycled buffer.
-  p.pool.checkin(std::move(result));
-  counting::fail_above(4095);
-  run_step<T>(p.pool, src, first, result);
-  EXPECT_EQ(counting::live_blocks(), 3u);
+    // The host gives the result back; the next step runs on pooled memory only
+    // (a fresh data-sized block would fail) and the zero fill clears the
+    // recycled buffer.
+    p.pool.checkin(std::move(result));
+    counting::fail_above(4095);
+    run_step<T>(p.pool, src, first, result, parallel);
+    EXPECT_EQ(counting::live_blocks(), 3u);
+  }
 }
 
 // The scenario runs every constructor and allocating operation of both sides;
@@ -477,11 +450,12 @@ void atomic(Op op, Check unchanged) {
 }
 
 // Both sides: every constructor and allocating operation.
-void scenario(SharedMemoryPool& pool) {
+void scenario(SharedMemoryPool& pool, bool parallel) {
   const std::size_t sizes[4] = {W, H, C, N};
   const std::vector<float> elements(W * H * C * N, 1.0f);
   FormattedInputArray<float> a(pool, elements.data(), sizes, 4, 2, 2, 3, nullptr);
-  atomic([&] { a.Reformat(ChainedFormat); }, [&] { EXPECT_EQ(a.Data(), elements.data()); });
+  atomic([&] { reformat(parallel, a, ChainedFormat); },
+         [&] { EXPECT_EQ(a.Data(), elements.data()); });
   const std::size_t firsts[2] = {0, 1}, lasts[2] = {16, 16}, inc[2] = {1, 1};
   atomic([&] { a.Subsample(firsts, lasts, inc, nullptr); }, [&] { EXPECT_EQ(a.DataSize(1), H); });
 
@@ -489,7 +463,7 @@ void scenario(SharedMemoryPool& pool) {
   // first, then the block goes back.
   auto format = korval_format(W, H, C, N, pool.allocator_functions);
   FormattedInputArray<float> in(pool, pool.lease_or_error(W * H * C * N * 4), format.get());
-  in.Reformat(ChainedFormat);
+  reformat(parallel, in, ChainedFormat);
   const std::size_t longer[2] = {W, H + 1};
   FormattedOutputArray<float> out(pool, longer, 2, C, N, 0, 1, Unallocated);
   atomic([&] { bypassPoolOrAllocate(&out, &in); }, [&] { EXPECT_EQ(out.Data(), nullptr); });
@@ -506,21 +480,22 @@ void scenario(SharedMemoryPool& pool) {
   data = b.Data();
   const std::size_t grown[2] = {W + 4, H - 2};
   atomic([&] { b.SetDataRanges(grown); }, [&] { EXPECT_EQ(b.Data(), data); });
-  atomic([&] { f.Reformat(ChainedFormat); }, [&] { EXPECT_TRUE(f.IsInKORVALFormat()); });
+  atomic([&] { reformat(parallel, f, ChainedFormat); }, [&] { EXPECT_TRUE(f.IsInKORVALFormat()); });
   float* buffer = f.Data();
   atomic([&] { FormattedOutputArray<float> g(pool, &f); }, [&] { EXPECT_EQ(f.Data(), buffer); });
 }
 
-TEST(FaultInjection, EveryAllocationOfBothSides) {
+// The parallel scenario makes the same requests in the same order.
+TEST_P(Arrays, FaultInjectionEveryAllocationOfBothSides) {
   const AllocatorFunctions fns{&recording_allocate, &counting::deallocate};
-  auto play = [&](std::size_t k, bool lease) {
+  auto play = [&](std::size_t k, bool lease, bool parallel) {
     counting::LeakCheck check;
     SharedMemoryPool pool(fns, &counting::throwing_error);
     requests.clear();
     (lease ? counting::fail_at : counting::throw_at)(k);
     bool failed = false;
     try {
-      scenario(pool);
+      scenario(pool, parallel);
     } catch (std::bad_alloc const&) {
       failed = !lease;
     } catch (std::runtime_error const& e) {
@@ -528,12 +503,14 @@ TEST(FaultInjection, EveryAllocationOfBothSides) {
     }
     EXPECT_EQ(failed, k != 0);
   };
-  play(0, false);
+  play(0, false, false);
   const std::vector<std::size_t> dry = requests;
+  play(0, false, GetParam());
+  EXPECT_EQ(requests, dry);
   for (std::size_t k = 1; k <= dry.size(); ++k) {
     SCOPED_TRACE(testing::Message() << "allocation " << k << " of " << dry.size());
-    play(k, false);
-    if (dry[k - 1] >= 4096) play(k, true);
+    play(k, false, GetParam());
+    if (dry[k - 1] >= 4096) play(k, true, GetParam());
   }
 }
 

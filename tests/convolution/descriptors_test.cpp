@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <memory>
 #include <random>
+#include <type_traits>
 #include <vector>
 
 #include "nerva/convolution.hpp"
@@ -12,13 +14,12 @@ namespace {
 
 using namespace nerva;
 
-// One past the last sampled position, found by walking the samples.
-std::size_t last_sample_end(std::size_t first, std::size_t last, std::size_t s) {
-  if (first >= last) return last;
-  std::size_t p = first;
-  while (p + s < last) p += s;
-  return p + 1;
-}
+// An owner of a plain record must not be able to take a strided one: without a virtual
+// destructor it would free only part of it (the strides leak).
+template <class From, class To>
+constexpr bool kConverts = std::is_convertible_v<std::unique_ptr<From>, std::unique_ptr<To>>;
+static_assert(!kConverts<StridedConvolutionNDDescriptor, ConvolutionNDDescriptor>);
+static_assert(!kConverts<StridedConvolutionDimensionDescriptor, ConvolutionDimensionDescriptor>);
 
 using Sizes = std::vector<std::size_t>;
 
@@ -35,19 +36,21 @@ struct Pooled {
   }
 };
 
-// The seven shared fields of a record, for dimension d of an N-D record.
-std::vector<long> fields(ConvolutionDimensionDescriptor const& r) {
+// The seven shared fields of a per-dimension record, or of dimension d of an N-D record.
+template <class R>
+std::vector<long> fields(R const& r) {
   return {long(r.first),     long(r.last),        r.outputIncrement, long(r.windowExtent),
           r.windowIncrement, long(r.inputExtent), r.inputIncrement};
 }
-std::vector<long> fields(ConvolutionNDDescriptor const& r, std::size_t d) {
+template <class R>
+std::vector<long> fields(R const& r, std::size_t d) {
   return {long(r.firsts[d]),        long(r.lasts[d]),      r.outputIncrements[d],
           long(r.windowExtents[d]), r.windowIncrements[d], long(r.inputExtents[d]),
           r.inputIncrements[d]};
 }
 
-// Worked cases, then random ranges against the walk; the plain form ignores
-// the stride.
+// Worked cases, then random ranges against a walk over the samples; the plain form ignores the
+// stride.
 TEST(ConvolutionDescriptor, StridedEndsFollowTheSamples) {
   Pooled p;
   std::vector<std::array<std::size_t, 4>> cases = {{0, 10, 3, 10}, {0, 9, 3, 7},   {0, 8, 3, 7},
@@ -55,14 +58,16 @@ TEST(ConvolutionDescriptor, StridedEndsFollowTheSamples) {
                                                    {0, 9, 1, 9}};
   std::mt19937 rng(7);
   for (int i = 0; i < 300; ++i) {
-    const std::size_t first = rng() % 20, last = rng() % 40, s = 1 + rng() % 6;
-    cases.push_back({first, last, s, last_sample_end(first, last, s)});
+    std::size_t const first = rng() % 20, last = rng() % 40, s = 1 + rng() % 6;
+    std::size_t end = first;
+    while (end + s < last) end += s;
+    cases.push_back({first, last, s, first >= last ? last : end + 1});
   }
   for (auto [first, last, stride, end] : cases) {
     auto out = p.output<float>({first}, {last}, {stride});
     auto strided = out->StridedConvolutionDescriptor(0, 3, 1, 10, 1);
     EXPECT_EQ(strided->last, end) << first << ".." << last << " by " << stride;
-    EXPECT_EQ(strided->stride, stride);
+    EXPECT_EQ(strided->stride, out->Stride(0));
     EXPECT_EQ(out->ConvolutionDescriptor(0, 3, 1, 10, 1)->last, last);
   }
 }
@@ -72,8 +77,8 @@ class NDDescriptor : public ::testing::Test {};
 using ElementTypes = ::testing::Types<float, double, unsigned char, long>;
 TYPED_TEST_SUITE(NDDescriptor, ElementTypes);
 
-// Both N-D forms agree, dimension by dimension, with the per-dimension forms,
-// for every element type.
+// Both N-D forms agree, dimension by dimension, with the per-dimension forms, for every element
+// type.
 TYPED_TEST(NDDescriptor, MatchesThePerDimensionForm) {
   Pooled p;
   auto out = p.template output<TypeParam>({0, 2, 1}, {9, 10, 10}, {3, 4, 1});
@@ -81,9 +86,9 @@ TYPED_TEST(NDDescriptor, MatchesThePerDimensionForm) {
   const long windowInc[] = {1, 3, 15}, inputInc[] = {-1, -11, -132};
   auto nd = out->StridedConvolutionDescriptorND(window, windowInc, input, inputInc);
   auto plain = out->ConvolutionDescriptorND(window, windowInc, input, inputInc);
-  EXPECT_EQ((std::vector<std::size_t>{nd->dimensionCount, nd->windowDimensionCount,
-                                      nd->inputDimensionCount, plain->dimensionCount}),
-            std::vector<std::size_t>(4, 3));
+  EXPECT_EQ((Sizes{nd->dimensionCount, nd->windowDimensionCount, nd->inputDimensionCount,
+                   plain->dimensionCount}),
+            Sizes(4, 3));
   for (std::size_t d = 0; d < 3; ++d) {
     auto one = out->StridedConvolutionDescriptor(d, window[d], windowInc[d], input[d], inputInc[d]);
     auto flat = out->ConvolutionDescriptor(d, window[d], windowInc[d], input[d], inputInc[d]);
@@ -97,8 +102,21 @@ TYPED_TEST(NDDescriptor, MatchesThePerDimensionForm) {
   EXPECT_EQ(out->ConvolutionDescriptor(1, 5, 1, 30, 1)->outputIncrement, -3);
 }
 
-// Without window increments the plain form gives zeros; a record built
-// directly pads the shorter extents with 1 and has dense increments.
+// Without window increments the plain form gives zeros. Records built directly pad the shorter
+// extents with 1 and have dense increments; products beyond 64 bits wrap (no signed overflow,
+// which the sanitized build would stop at): (2^33 + 1)^2 = 2^34 + 1 modulo 2^64.
+template <class Record>
+void expect_direct_records() {
+  const std::size_t firsts[] = {1, 0, 4}, lasts[] = {5, 3, 2}, w2[] = {3, 2}, in1[] = {9};
+  Record record(firsts, lasts, w2, 2, in1, 1);
+  EXPECT_EQ(record.inputDimensionCount, 1u);
+  EXPECT_EQ(fields(record, 1), (std::vector<long>{0, 3, 4, 2, 3, 1, 9}));
+  const std::size_t big = (std::size_t{1} << 33) + 1, zeros[] = {0, 0, 0}, ends[] = {big, big, 1};
+  Record huge(zeros, ends, ends, 3, ends, 3);
+  EXPECT_EQ(fields(huge, 2),
+            (std::vector<long>{0, 1, (1L << 34) + 1, 1, (1L << 34) + 1, 1, (1L << 34) + 1}));
+}
+
 TEST(NDDescriptor, MissingWindowIncrementsAndDirectRecords) {
   Pooled p;
   const std::size_t sizes[] = {6, 7};
@@ -108,11 +126,8 @@ TEST(NDDescriptor, MissingWindowIncrementsAndDirectRecords) {
   auto nd = out.ConvolutionDescriptorND(window, nullptr, input, inputInc);
   EXPECT_EQ(nd->windowIncrements[0], 0);
   EXPECT_EQ(fields(*nd, 1), (std::vector<long>{0, 7, 48, 3, 0, 9, 64}));  // chained
-
-  const std::size_t firsts[] = {1, 0, 4}, lasts[] = {5, 3, 2}, w2[] = {3, 2}, in1[] = {9};
-  ConvolutionNDDescriptor record(firsts, lasts, w2, 2, in1, 1);
-  EXPECT_EQ(record.inputDimensionCount, 1u);
-  EXPECT_EQ(fields(record, 1), (std::vector<long>{0, 3, 4, 2, 3, 1, 9}));
+  expect_direct_records<ConvolutionNDDescriptor>();
+  expect_direct_records<StridedConvolutionNDDescriptor>();
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <new>
 #include <stdexcept>
@@ -15,10 +16,7 @@ struct State {
   std::mutex mutex;
   std::unordered_map<void*, std::size_t> live;
   Stats stats{};
-  std::size_t calls = 0;
-  std::size_t fail_call = 0;
-  std::size_t throw_call = 0;
-  std::size_t fail_above = SIZE_MAX;
+  std::size_t calls = 0, fail_call = 0, throw_call = 0, fail_above = SIZE_MAX, live_bytes = 0;
 };
 
 State& state() {
@@ -26,108 +24,75 @@ State& state() {
   return *s;
 }
 
+// The state, locked for the rest of the statement's scope.
+struct Locked : std::lock_guard<std::mutex> {
+  Locked() : lock_guard(state().mutex) {}
+  State* operator->() { return &state(); }
+};
+
 }  // namespace
 
-void reset() {
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  EXPECT_EQ(s.live.size(), 0u) << "blocks still live when the allocator was reset";
-  s.stats = Stats{};
-  s.stats.live_blocks = s.live.size();
-  for (auto& entry : s.live) s.stats.live_bytes += entry.second;
-  s.calls = 0;
-  s.fail_call = 0;
-  s.throw_call = 0;
-  s.fail_above = SIZE_MAX;
-}
-
-Stats stats() {
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  return s.stats;
-}
-
-std::size_t live_blocks() { return stats().live_blocks; }
-std::size_t live_bytes() { return stats().live_bytes; }
-
+Stats stats() { return Locked()->stats; }
+std::size_t live_blocks() { return Locked()->live.size(); }
+std::size_t live_bytes() { return Locked()->live_bytes; }
 void fail_at(std::size_t k) {
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.fail_call = k == 0 ? 0 : s.calls + k;
+  Locked s;
+  s->fail_call = s->calls + k;
 }
-
-void fail_above(std::size_t bytes) {
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.fail_above = bytes;
-}
-
 void throw_at(std::size_t k) {
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.throw_call = k == 0 ? 0 : s.calls + k;
+  Locked s;
+  s->throw_call = s->calls + k;
 }
+void fail_above(std::size_t bytes) { Locked()->fail_above = bytes; }
 
 void* allocate(std::size_t bytes) {
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  ++s.calls;
-  if (s.calls == s.throw_call) throw std::bad_alloc();
-  if (s.calls == s.fail_call || bytes > s.fail_above) {
-    ++s.stats.failures;
-    return nullptr;
-  }
-  // 64-byte aligned like a typical host heap for vector data; at least one
-  // byte so that every successful call yields a distinct pointer.
-  std::size_t rounded = (bytes + 63) / 64 * 64;
-  void* p = std::aligned_alloc(64, rounded == 0 ? 64 : rounded);
-  if (p == nullptr) {
-    ++s.stats.failures;
-    return nullptr;
-  }
-  s.live.emplace(p, bytes);
-  ++s.stats.allocations;
-  ++s.stats.live_blocks;
-  s.stats.live_bytes += bytes;
+  Locked s;
+  if (++s->calls == s->throw_call) throw std::bad_alloc();
+  // 64-byte aligned like a typical host heap; at least one line, so that every successful call
+  // yields a distinct pointer.
+  void* p = s->calls == s->fail_call || bytes > s->fail_above
+                ? nullptr
+                : std::aligned_alloc(64, (bytes + 64) / 64 * 64);
+  if (p == nullptr) return ++s->stats.failures, nullptr;
+  std::memset(p, 0xA5, bytes);  // what a reader of unwritten memory would see
+  s->live.emplace(p, bytes);
+  s->live_bytes += bytes;
+  ++s->stats.allocations;
   return p;
 }
 
 void deallocate(void* data) {
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
+  Locked s;
+  auto it = s->live.find(data);
   if (data == nullptr) {
-    ++s.stats.null_frees;
-    return;
-  }
-  auto it = s.live.find(data);
-  if (it == s.live.end()) {
-    ++s.stats.bad_frees;
+    ++s->stats.null_frees;
+  } else if (it == s->live.end()) {
     ADD_FAILURE() << "deallocate of a pointer that is not live: " << data;
-    return;
+  } else {
+    s->live_bytes -= it->second;
+    s->live.erase(it);
+    std::free(data);
   }
-  ++s.stats.deallocations;
-  --s.stats.live_blocks;
-  s.stats.live_bytes -= it->second;
-  s.live.erase(it);
-  std::free(data);
 }
 
 void throwing_error(char const* message) { throw std::runtime_error(message); }
 
-LeakCheck::LeakCheck() { reset(); }
+LeakCheck::LeakCheck() {
+  Locked s;
+  EXPECT_EQ(s->live.size(), 0u) << "blocks still live when the allocator was reset";
+  s->stats = Stats{};
+  s->calls = s->fail_call = s->throw_call = 0;
+  s->fail_above = SIZE_MAX;
+}
 
 LeakCheck::~LeakCheck() {
-  Stats s = stats();
-  EXPECT_EQ(s.live_blocks, 0u) << "blocks leaked";
-  EXPECT_EQ(s.live_bytes, 0u) << "bytes leaked";
-  EXPECT_EQ(s.bad_frees, 0u);
-  EXPECT_EQ(s.allocations, s.deallocations);
-  State& st = state();
-  std::lock_guard<std::mutex> lock(st.mutex);
-  for (auto& entry : st.live) std::free(entry.first);
-  st.live.clear();
-  st.fail_call = st.throw_call = 0;
-  st.fail_above = SIZE_MAX;
+  Locked s;
+  EXPECT_EQ(s->live.size(), 0u) << "blocks leaked";
+  EXPECT_EQ(s->live_bytes, 0u) << "bytes leaked";
+  for (auto& entry : s->live) std::free(entry.first);
+  s->live.clear();
+  s->live_bytes = s->fail_call = s->throw_call = 0;
+  s->fail_above = SIZE_MAX;
 }
 
 }  // namespace counting
