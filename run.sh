@@ -6,6 +6,7 @@
 #   ./run.sh fuzz [SECONDS]   build the libFuzzer targets (clang) and run each SECONDS (30)
 #   ./run.sh bench            build and run the benchmarks, write build/bench/report.{md,png}
 #   ./run.sh install PREFIX   build (Release) and install the package into PREFIX
+#   ./run.sh docs             build the reference and the guide into build/docs/html
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -117,8 +118,22 @@ case "$cmd" in
     build build --target nerva qel_permute
     cmake --install build --prefix "$prefix"
     ;;
+  docs)
+    PACKAGES=()  # no compiler or libraries needed here
+    ensure_packages doxygen graphviz python3
+    out=build/docs
+    rm -rf "$out/html"
+    mkdir -p "$out/pictures"
+    python3 docs/pictures/make_pictures.py "$out/pictures"
+    version=$(sed -n 's/^project(nerva VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+    sed -e "s|@SOURCE@|$PWD|g" -e "s|@OUTPUT@|$PWD/$out|g" -e "s|@PICTURES@|$PWD/$out/pictures|g" \
+      -e "s|@VERSION@|$version|g" docs/Doxyfile.in >"$out/Doxyfile"
+    # Warnings fail the build (WARN_AS_ERROR); they are printed with their location.
+    doxygen "$out/Doxyfile"
+    echo "== $out/html/index.html"
+    ;;
   *)
-    sed -n '2,8p' "$0"
+    sed -n '2,9p' "$0"
     exit 2
     ;;
 esac

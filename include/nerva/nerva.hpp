@@ -1,6 +1,7 @@
+/// \file
+/// Everything nerva exports: includes every public header of the library.
 #pragma once
 
-// Everything nerva exports.
 #include "nerva/convolution.hpp"
 #include "nerva/copy.hpp"
 #include "nerva/formatted_array.hpp"
