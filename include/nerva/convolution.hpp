@@ -36,8 +36,9 @@ struct NERVA_API ConvolutionDimensionDescriptor {
   long inputIncrement = 1;
 };
 
-/// As above for an output that keeps every stride-th position of its range;
-/// `last` is tightened to one past the last sampled position. The fields are
+/// The geometry of ConvolutionDimensionDescriptor for an output that keeps
+/// every stride-th position of its range; `last` is tightened to one past the
+/// last sampled position. The fields are
 /// repeated rather than inherited, so that no owner of the plain record can
 /// take (and half-destroy) a strided one.
 struct NERVA_API StridedConvolutionDimensionDescriptor {
