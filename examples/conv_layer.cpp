@@ -11,18 +11,19 @@
 //   conv_layer [--batch N] [--channels C] [--size HxW] [--out K] [--steps S]
 //              [--threads T]
 //
-// How the products are arranged (2 cores, default shapes, measured against
-// one tbb_gemm per (output row, tap) with barriers in between): each layer is
-// one tbb::parallel_for over (output row, chunk of columns), and every task
-// makes its taps' products with the serial nerva::gemm, so no core waits for
-// another between small products. A chunk stays under the size up to which
-// this BLAS uses its unpacked kernel (see chunk_width). Layer 1 multiplies
-// each tap in place (k = C); an im2col into a per-worker buffer with one
-// product of k = 9C per chunk was slower here (the packed path at k = 9C runs
-// no faster than k = C, and the gather copies every input element nine
-// times). Layer 2 splits its input columns by phase (x mod 2) into a
-// per-worker buffer, which makes each tap a plain matrix again (k = C); that
-// copies each input row once or twice instead of 2.25 times for an im2col.
+// How the products are arranged: each layer is one tbb::parallel_for whose
+// tasks make their taps' products with the serial nerva::gemm, so no core
+// waits at a barrier between small products (one tbb_gemm per product meant
+// about 500 parallel calls per layer). Measured on one core (thread CPU time,
+// median of 15, default shapes, a loaded machine): layer 1 with one product
+// per (row, chunk of 14 columns, tap) 37.7 ms; per (row, tap) over whole rows
+// 45.5 ms, past the BLAS's unpacked-kernel size (see chunk_width); an im2col
+// of each chunk into a per-worker buffer and one product with k = 9C 48-53
+// ms; one tbb_gemm per (row, tap) 39.4 ms. Layer 2 with one product per
+// (output position, tap), n = N, straight from the input 10.1 ms; a
+// per-worker gather of the input columns by phase (x mod 2) and products with
+// n = 14 N 11.1 ms; an im2col per row and one product with k = 9C 12.7 ms;
+// the old serial-row gather and tbb_gemm 12.9 ms.
 
 #include <oneapi/tbb/blocked_range.h>
 #include <oneapi/tbb/global_control.h>
@@ -194,78 +195,51 @@ void layer1_compute(nerva::FormattedInputArray<float> const& in,
 }
 
 // Layer 2: stride 2 over the padded input, window centred on the sampled
-// positions. Tap tx of output column xo reads input column x0 + 2 xo + tx,
-// so with the input columns split by phase p = (x - x0) mod 2 each tap is a
-// plain matrix again: phase tx mod 2 from column tx / 2 on. A task copies the
-// phases of the three input rows under its chunk of an output row (runs of
-// C x N elements) into its worker's slot of one pooled buffer and makes the
-// nine products there, the first with beta 0: the output needs no fill.
+// positions. The input columns under one output position are not evenly
+// spaced, but each of them is a plain C x N matrix (leading dimension C), and
+// the output position a K x N one: every (output position, tap) is one
+// product with n = N straight from the input, the first with beta 0, so
+// nothing is gathered and the output needs no fill. (With a batch of only a
+// few observations these products get thin; a gather of the input columns by
+// phase into per-worker buffers, for products of a chunk of columns, would
+// then be the better choice.)
 void layer2_compute(nerva::FormattedInputArray<float> const& in,
                     nerva::FormattedOutputArray<float>& out, std::vector<float> const& weights,
-                    PoolWatch& watch, GemmClock& clock) {
+                    GemmClock& clock) {
   long const K = L(out.NumChannels()), C = L(in.NumChannels()), N = L(in.NumObservations());
   auto const dx =
       out.StridedConvolutionDescriptor(0, 3, K * C, in.DataSize(0), in.DataIncrement(0));
   auto const dy =
       out.StridedConvolutionDescriptor(1, 3, 3 * K * C, in.DataSize(1), in.DataIncrement(1));
   long const ex = L(dx->windowExtent), ey = L(dy->windowExtent);
-  long const sx = L(dx->stride), sy = L(dy->stride);
+  // Input column and row under the window's first tap at output position 0.
   long const x_left = L(dx->first) - ex / 2, y_top = L(dy->first) - ey / 2;
+  long const sx = L(dx->stride), sy = L(dy->stride);
   long const wo = L(out.DataSize(0)), ho = L(out.DataSize(1));
   long const ox = dx->outputIncrement, oy = dy->outputIncrement;
-  long const run = dx->inputIncrement;  // one input column: C x N elements
-  long const width = chunk_width(wo, K * C * N), chunks = (wo + width - 1) / width;
-  // Columns of phase p for a chunk of `cols` output columns.
-  auto phase_columns = [=](long cols, long p) { return cols + (ex - 1 - p) / sx; };
-  long row_columns = 0;
-  for (long p = 0; p < sx; ++p) row_columns += phase_columns(width, p);
-  std::size_t const slot = std::size_t(ey * row_columns * run);
-
-  std::unique_ptr<nerva::CNNMemoryBlock> scratch;
-  std::size_t const slots = std::size_t(tbb::this_task_arena::max_concurrency());
-  watch([&] { scratch = out.Pool().lease_or_error(sizeof(float) * slot * slots); });
-  float* const buffers = static_cast<float*>(scratch->data);
   float const* const src = in.Data();
   float* const dst = out.UnpaddedData();
   long const ldb = L(in.ObservationIncrement()), ldc = L(out.ObservationIncrement());
 
-  tbb::parallel_for(tbb::blocked_range<long>(0, ho * chunks), [&](auto const& r) {
-    float* const mine = buffers + slot * std::size_t(tbb::this_task_arena::current_thread_index());
+  tbb::parallel_for(tbb::blocked_range<long>(0, ho * wo), [&](auto const& r) {
     char no = 'N';
-    long m = K, k = C, lda = K, ldb_ = ldb, ldc_ = ldc;
+    long m = K, n = N, k = C, lda = K, ldb_ = ldb, ldc_ = ldc;
     for (long i = r.begin(); i < r.end(); ++i) {
-      long const yo = i / chunks, xa = i % chunks * width, cols = std::min(wo, xa + width) - xa;
-      // Phase p of tap row ty starts at mine + phase_at(ty, p) * run.
-      long this_row = 0;
-      for (long p = 0; p < sx; ++p) this_row += phase_columns(cols, p);
-      auto phase_at = [&](long ty, long p) {
-        long at = ty * this_row;
-        for (long q = 0; q < p; ++q) at += phase_columns(cols, q);
-        return mine + at * run;
-      };
-      for (long ty = 0; ty < ey; ++ty) {
-        float const* const in_row = src + (y_top + yo * sy + ty) * dy->inputIncrement;
-        for (long p = 0; p < sx; ++p) {
-          float* to = phase_at(ty, p);
-          for (long c = 0, n = phase_columns(cols, p); c < n; ++c, to += run)
-            std::memcpy(to, in_row + (x_left + sx * (xa + c) + p) * dx->inputIncrement,
-                        sizeof(float) * std::size_t(run));
-        }
-      }
-      long n = N * cols;
-      float* const Cp = dst + yo * oy + xa * ox;
+      long const yo = i / wo, xo = i % wo;
+      float const* const window =
+          src + (x_left + xo * sx) * dx->inputIncrement + (y_top + yo * sy) * dy->inputIncrement;
+      float* const Cp = dst + yo * oy + xo * ox;
       float beta = 0.0f;
       for (long ty = 0; ty < ey; ++ty)
         for (long tx = 0; tx < ex; ++tx) {
           float const* A = weights.data() + tx * dx->windowIncrement + ty * dy->windowIncrement;
-          float const* B = phase_at(ty, tx % sx) + tx / sx * run;
+          float const* B = window + tx * dx->inputIncrement + ty * dy->inputIncrement;
           clock.time(
               [&] { nerva::gemm(&no, &no, &m, &n, &k, A, &lda, B, &ldb_, Cp, &ldc_, beta, 1.0f); });
           beta = 1.0f;
         }
     }
   });
-  out.Pool().checkin(std::move(scratch));
 }
 
 struct StepResult {
@@ -324,7 +298,7 @@ StepResult run_step(nerva::SharedMemoryPool& pool, Shape const& s, int threads,
   r.l2.allocate = seconds_since(t0);
 
   t0 = Clock::now();
-  layer2_compute(in2, *out2, w2, watch, clock);
+  layer2_compute(in2, *out2, w2, clock);
   r.l2.compute = seconds_since(t0);
   r.l2.gemm = clock.take() / threads;
 
