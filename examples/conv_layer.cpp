@@ -54,12 +54,17 @@ struct HostCounters {
 };
 HostCounters host;
 
+// Data buffers come dirty, as a host's recycled memory would (large finite
+// values, not the zero pages of a fresh mapping), so that an element the
+// layers leave unwritten shows in the error check.
 void* host_allocate(std::size_t bytes) {
+  void* p = std::malloc(bytes);
   if (bytes >= nerva::SharedMemoryPool::threshold) {
     ++host.data_allocations;
     host.data_bytes += bytes;
+    if (p) std::memset(p, 0x7f, bytes);
   }
-  return std::malloc(bytes);
+  return p;
 }
 void host_deallocate(void* p) { std::free(p); }
 void host_error(char const* message) { throw std::runtime_error(message); }
