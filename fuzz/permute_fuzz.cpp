@@ -1,6 +1,7 @@
 // Dense permutations of 1-, 4- and 8-byte elements: shape, permutation and element width from
 // the input, checked against the tests' naive index walk, through the public routine and through
-// every instruction set's kernels with and without streaming stores.
+// every instruction set's kernels with and without streaming stores, and through the parallel
+// split with no serial cut-off and 1 KiB tasks.
 
 #include <algorithm>
 #include <cstddef>
@@ -34,18 +35,24 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   std::vector<std::uint8_t> got(total * width, 0xCD);
   using qel_permute::detail::Isa;
   Isa const isas[] = {Isa::Scalar, Isa::Sse2, Isa::Avx2, Isa::Avx512};
-  std::size_t const path = in.in(0, 4);
+  std::size_t const path = in.in(0, 5);
   if (path == 0) {
     decltype(&qel_permute::Permute<1>) const routines[] = {
         &qel_permute::Permute<1>, &qel_permute::Permute<4>, &qel_permute::Permute<8>};
     routines[route](src.data(), got.data(), n, sizes.data(), perm.data(), nullptr, nullptr);
   } else {
-    Isa const isa =
-        qel_permute::detail::isa_supported(isas[path - 1]) ? isas[path - 1] : Isa::Scalar;
     // Streaming stores from the first byte on, or never.
     std::size_t const streamBytes = in.byte() % 2 == 0 ? 0 : SIZE_MAX;
-    qel_permute::detail::permute(isa, width, src.data(), got.data(), n, sizes.data(), perm.data(),
-                                 streamBytes);
+    if (path == 5) {
+      qel_permute::detail::permute_parallel(qel_permute::detail::best_isa(), width, src.data(),
+                                            got.data(), n, sizes.data(), perm.data(), streamBytes,
+                                            0, 1024);
+    } else {
+      Isa const isa =
+          qel_permute::detail::isa_supported(isas[path - 1]) ? isas[path - 1] : Isa::Scalar;
+      qel_permute::detail::permute(isa, width, src.data(), got.data(), n, sizes.data(), perm.data(),
+                                   streamBytes);
+    }
   }
   FUZZ_CHECK(got == want);
   return 0;

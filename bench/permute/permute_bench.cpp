@@ -1,9 +1,11 @@
-// Permute<N> on the reformats of a layer step, against a single-thread
-// memcpy of the same bytes and a naive index loop, all in the same run.
-// After the Google Benchmark output a summary table gives, per case, the
-// rate of Permute<N> and its ratios to memcpy and to the naive loop (the best
-// of the repetitions when --benchmark_repetitions is given).
+// Permute<N> on the reformats of a layer step, and ParallelPermute<N> in TBB
+// arenas of one and two threads, against a single-thread memcpy of the same
+// bytes and a naive index loop, all in the same run. After the Google
+// Benchmark output a summary table gives, per case, the rate of Permute<N>
+// and the ratios of both routines to memcpy and of Permute<N> to the naive
+// loop (the best of the repetitions when --benchmark_repetitions is given).
 #include <benchmark/benchmark.h>
+#include <oneapi/tbb/task_arena.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +24,7 @@ struct Case {
   std::size_t width;
   std::vector<std::size_t> sizes;
   std::vector<std::size_t> permutation;
+  bool naive = true;  // too slow to time on the out-of-cache case
 };
 
 std::vector<Case> const& cases() {
@@ -47,6 +50,12 @@ std::vector<Case> const& cases() {
       {"f64 [64,16,58,58,1] (3,4,1,2,5) rows 3364", 8, {64, 16, 58, 58, 1}, {3, 4, 1, 2, 5}},
       {"u8  [64,16,58,58,1] (3,4,1,2,5) rows 3364", 1, {64, 16, 58, 58, 1}, {3, 4, 1, 2, 5}},
       {"u8  [58,58,64,16,1] (3,4,1,2,5) from 58x58", 1, {58, 58, 64, 16, 1}, {3, 4, 1, 2, 5}},
+      // About 205 MB each way: far out of every cache.
+      {"f32 [112,112,64,64,1] (3,4,1,2,5) korval>chained",
+       4,
+       {112, 112, 64, 64, 1},
+       {3, 4, 1, 2, 5},
+       false},
   };
   return list;
 }
@@ -70,19 +79,15 @@ Buffer make_buffer(std::size_t bytes) {
   return b;
 }
 
-void run_permute(Case const& c, void const* src, void* dst) {
-  std::size_t const n = c.sizes.size();
-  switch (c.width) {
-    case 1:
-      qel_permute::Permute<1>(src, dst, n, c.sizes.data(), c.permutation.data(), nullptr, nullptr);
-      break;
-    case 4:
-      qel_permute::Permute<4>(src, dst, n, c.sizes.data(), c.permutation.data(), nullptr, nullptr);
-      break;
-    default:
-      qel_permute::Permute<8>(src, dst, n, c.sizes.data(), c.permutation.data(), nullptr, nullptr);
-      break;
-  }
+void run_permute(Case const& c, void const* src, void* dst, bool parallel) {
+  using qel_permute::ParallelPermute, qel_permute::Permute;
+  decltype(&Permute<1>)
+      const routines[2][3] = {{&Permute<1>, &Permute<4>, &Permute<8>},
+                              {&ParallelPermute<1>, &ParallelPermute<4>, &ParallelPermute<8>}};
+  routines[parallel][c.width == 1   ? 0
+                     : c.width == 4 ? 1
+                                    : 2](src, dst, c.sizes.size(), c.sizes.data(),
+                                         c.permutation.data(), nullptr, nullptr);
 }
 
 // The obvious loop: walk the destination in order, find each source element
@@ -106,20 +111,32 @@ void naive_permute(Case const& c, unsigned char const* src, unsigned char* dst) 
   }
 }
 
-enum class Kind { Permute, Memcpy, Naive };
+enum class Kind { Permute, Parallel1, Parallel2, Memcpy, Naive };
 
 void bench_case(benchmark::State& state, Case const& c, Kind kind) {
   std::size_t const bytes = bytes_of(c);
   Buffer const src = make_buffer(bytes), dst = make_buffer(bytes);
+  if (kind == Kind::Parallel1 || kind == Kind::Parallel2) {
+    tbb::task_arena arena(kind == Kind::Parallel1 ? 1 : 2);
+    arena.execute([&] {
+      for (auto _ : state) {
+        run_permute(c, src.get(), dst.get(), true);
+        benchmark::DoNotOptimize(dst.get());
+        benchmark::ClobberMemory();
+      }
+    });
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes));
+    return;
+  }
   for (auto _ : state) {
     switch (kind) {
       case Kind::Permute:
-        run_permute(c, src.get(), dst.get());
+        run_permute(c, src.get(), dst.get(), false);
         break;
       case Kind::Memcpy:
         std::memcpy(dst.get(), src.get(), bytes);
         break;
-      case Kind::Naive:
+      default:
         if (c.width == 1) naive_permute<1>(c, src.get(), dst.get());
         if (c.width == 4) naive_permute<4>(c, src.get(), dst.get());
         if (c.width == 8) naive_permute<8>(c, src.get(), dst.get());
@@ -131,7 +148,7 @@ void bench_case(benchmark::State& state, Case const& c, Kind kind) {
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes));
 }
 
-char const* const kKindNames[] = {"permute", "memcpy", "naive"};
+char const* const kKindNames[] = {"permute", "parallel1", "parallel2", "memcpy", "naive"};
 
 // Keeps the seconds per iteration of every run for the summary.
 class SummaryReporter : public benchmark::ConsoleReporter {
@@ -154,16 +171,16 @@ class SummaryReporter : public benchmark::ConsoleReporter {
   }
 
   void PrintSummary() const {
-    std::printf("\n%-50s %9s %11s %10s %10s\n", "case (GB/s = 1e9 bytes/s)", "GB/s", "memcpy GB/s",
-                "x memcpy", "x naive");
+    std::printf("\n%-50s %7s %7s %9s %9s %9s %8s\n", "case (GB/s = 1e9 bytes/s)", "GB/s", "memcpy",
+                "x memcpy", "1T x mcp", "2T x mcp", "x naive");
+    auto ratio = [](double base, double t) { return base > 0 && t > 0 ? base / t : 0.0; };
     for (auto const& c : cases()) {
-      double const t = find(kKindNames[0], c), m = find(kKindNames[1], c),
-                   n = find(kKindNames[2], c);
-      if (t <= 0) continue;
-      double const gbs = static_cast<double>(bytes_of(c)) / t * 1e-9;
-      double const mgbs = m > 0 ? static_cast<double>(bytes_of(c)) / m * 1e-9 : 0.0;
-      std::printf("%-50s %9.2f %11.2f %10.2f %10.1f\n", c.name, gbs, mgbs, m > 0 ? m / t : 0.0,
-                  n > 0 ? n / t : 0.0);
+      double const t = find(kKindNames[0], c), p1 = find(kKindNames[1], c),
+                   p2 = find(kKindNames[2], c), m = find(kKindNames[3], c),
+                   n = find(kKindNames[4], c);
+      double const bytes = static_cast<double>(bytes_of(c)) * 1e-9;
+      std::printf("%-50s %7.2f %7.2f %9.2f %9.2f %9.2f %8.1f\n", c.name, ratio(bytes, t),
+                  ratio(bytes, m), ratio(m, t), ratio(m, p1), ratio(m, p2), ratio(n, t));
     }
   }
 
@@ -179,7 +196,8 @@ class SummaryReporter : public benchmark::ConsoleReporter {
 
 int main(int argc, char** argv) {
   for (auto const& c : cases()) {
-    for (Kind kind : {Kind::Permute, Kind::Memcpy, Kind::Naive}) {
+    for (Kind kind : {Kind::Permute, Kind::Parallel1, Kind::Parallel2, Kind::Memcpy, Kind::Naive}) {
+      if (kind == Kind::Naive && !c.naive) continue;
       std::string const name = std::string(kKindNames[static_cast<int>(kind)]) + "/" + c.name;
       benchmark::RegisterBenchmark(name.c_str(), bench_case, c, kind)
           ->Unit(benchmark::kMillisecond)

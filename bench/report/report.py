@@ -161,7 +161,10 @@ def ratio_cases(res, layer):
         add("copy", "ranged copy 56->58, groups 64x32", ms(k), "memcpy of moved bytes %s" % ms(b),
             b / k, ">=", 0.7)
 
-    # Permute<N> against memcpy of the same bytes and against the naive loop.
+    # Permute<N> against memcpy of the same bytes and against the naive loop;
+    # ParallelPermute<N> in a two-thread arena against the same one-thread
+    # memcpy, and on the out-of-cache case against Permute<N> at one and two
+    # threads.
     for name in sorted(n for n in res.runs if n.startswith("permute/")):
         case = name[len("permute/"):]
         k, b = times(name, "memcpy/" + case)
@@ -171,6 +174,18 @@ def ratio_cases(res, layer):
         k, b = times(name, "naive/" + case)
         if k:
             add("permute", case + " vs naive", ms(k), "naive loop %s" % ms(b), b / k, ">=", 5.0)
+        k, b = times("parallel2/" + case, "memcpy/" + case)
+        if k:
+            bound = 0.8 if case.startswith("u8") else 1.2
+            add("permute", case + " parallel, 2 threads", ms(k), "memcpy %s" % ms(b), b / k, ">=",
+                bound)
+        if case.startswith("f32 [112,112,64,64"):
+            for threads in (1, 2):
+                k, b = times("parallel%d/%s" % (threads, case), name)
+                if k:
+                    add("permute", "%s parallel, %d thread%s vs Permute" % (case, threads,
+                        "s" * (threads > 1)), ms(k), "Permute %s" % ms(b), b / k,
+                        *((">=", 1.6) if threads == 2 else ()))
 
     # tbb_gemm: parallel efficiency against the same block calls run one after
     # another on one thread times the cores; and, for information, against one

@@ -1,15 +1,16 @@
 #include "detail/checks.hpp"
+#include "permute/dispatch.hpp"
+#include "permute/execute.hpp"
 #include "qel_permute/permute.hpp"
 
 namespace qel_permute {
 
-// Placeholder until the tiled loop nest is split across workers: the serial
-// routine gives the same bytes.
 template <std::size_t N>
 void ParallelPermute(void const* src, void* dst, std::size_t numDims, std::size_t const* sizes,
-                     std::size_t const* permutation, long const* srcStrides,
-                     long const* dstStrides) {
-  Permute<N>(src, dst, numDims, sizes, permutation, srcStrides, dstStrides);
+                     std::size_t const* permutation, long const*, long const*) {
+  if (NERVA_CHECKED_BUILD)
+    nerva::detail::check_permutation("qel_permute::ParallelPermute", permutation, numDims);
+  detail::permute_parallel(detail::best_isa(), N, src, dst, numDims, sizes, permutation);
 }
 
 template void ParallelPermute<1>(void const*, void*, std::size_t, std::size_t const*,

@@ -1,13 +1,15 @@
-// Permute<N>, its planner and the transpose kernels of every instruction set
-// this CPU runs, against the naive reference.
+// Permute<N>, ParallelPermute<N>, the planner and the transpose kernels of
+// every instruction set this CPU runs, against the naive reference.
 #include "qel_permute/permute.hpp"
 
 #include <gtest/gtest.h>
+#include <oneapi/tbb/parallel_for.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <random>
 #include <utility>
 #include <vector>
@@ -23,12 +25,17 @@ using Sizes = std::vector<std::size_t>;
 using Case = std::pair<Sizes, Sizes>;  // sizes, permutation
 using qel_permute::detail::Isa;
 
-// Permutes random bytes through Permute<width> (isa < 0) or the kernels of
-// one instruction set, with streaming stores on every transpose if asked, into
-// a destination `shift` bytes off its natural alignment; the destination and
-// the guard bytes around it must match the reference byte for byte.
+// Routes other than the kernels of one instruction set (0 to 3): the public
+// routines, and the parallel split with no serial cut-off and 1 KiB tasks.
+enum Route { kPermute = -1, kParallel = -2, kSplit = -3 };
+
+// Permutes random bytes through each of `routes`, with streaming stores on
+// every transpose if asked (kernels and split), into a destination `shift`
+// bytes off its natural alignment; the destination and the guard bytes around
+// it must match the reference byte for byte.
 ::testing::AssertionResult check(std::size_t width, Case const& c, std::mt19937_64& rng,
-                                 int isa = -1, bool stream = false, std::size_t shift = 0) {
+                                 std::initializer_list<int> routes = {kPermute},
+                                 bool stream = false, std::size_t shift = 0) {
   auto const& [sizes, perm] = c;
   std::size_t const guard = 256 + shift, n = sizes.size();
   std::size_t bytes = width;
@@ -39,20 +46,30 @@ using qel_permute::detail::Isa;
     std::memcpy(&src[i], &r, 8);
   }
   permute_test::reference_permute(width, src.data(), want.data() + guard, sizes, perm);
-  if (isa < 0) {
-    auto const f = width == 1   ? &qel_permute::Permute<1>
-                   : width == 4 ? &qel_permute::Permute<4>
-                                : &qel_permute::Permute<8>;
-    f(src.data(), got.data() + guard, n, sizes.data(), perm.data(), nullptr, nullptr);
-  } else {
-    qel_permute::detail::permute(static_cast<Isa>(isa), width, src.data(), got.data() + guard, n,
-                                 sizes.data(), perm.data(), stream ? 0 : SIZE_MAX);
+  for (int route : routes) {
+    std::fill(got.begin(), got.end(), 0xA5);
+    if (route == kPermute || route == kParallel) {
+      using qel_permute::ParallelPermute, qel_permute::Permute;
+      decltype(&Permute<1>)
+          const routines[2][3] = {{&Permute<1>, &Permute<4>, &Permute<8>},
+                                  {&ParallelPermute<1>, &ParallelPermute<4>, &ParallelPermute<8>}};
+      routines[route == kParallel][width / 4](src.data(), got.data() + guard, n, sizes.data(),
+                                              perm.data(), nullptr, nullptr);
+    } else if (route == kSplit) {
+      qel_permute::detail::permute_parallel(qel_permute::detail::best_isa(), width, src.data(),
+                                            got.data() + guard, n, sizes.data(), perm.data(),
+                                            stream ? 0 : SIZE_MAX, 0, 1024);
+    } else {
+      qel_permute::detail::permute(static_cast<Isa>(route), width, src.data(), got.data() + guard,
+                                   n, sizes.data(), perm.data(), stream ? 0 : SIZE_MAX);
+    }
+    if (got == want) continue;
+    return ::testing::AssertionFailure()
+           << "route " << route << ", width " << width << ", stream " << stream << ", shift "
+           << shift << ", sizes " << ::testing::PrintToString(sizes) << ", permutation "
+           << ::testing::PrintToString(perm);
   }
-  if (got == want) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure()
-         << "isa " << isa << ", width " << width << ", stream " << stream << ", shift " << shift
-         << ", sizes " << ::testing::PrintToString(sizes) << ", permutation "
-         << ::testing::PrintToString(perm);
+  return ::testing::AssertionSuccess();
 }
 
 // 1 to 8 dimensions, at most 6000 elements: mostly small extents, some of 1,
@@ -125,8 +142,31 @@ TEST(Permute, MatchesReference) {
   for (std::size_t width : {1, 4, 8}) {
     std::mt19937_64 rng(1234 + width);
     for (int i = 0; i < 300; ++i) ASSERT_TRUE(check(width, random_case(rng), rng));
-    for (Case const& c : fixed) ASSERT_TRUE(check(width, c, rng));
+    for (Case const& c : fixed) ASSERT_TRUE(check(width, c, rng, {kPermute, kParallel}));
   }
+}
+
+// The parallel split forced onto small shapes, with and without streaming:
+// random shapes, and shapes whose few calls are cut by destination columns,
+// rows, planes of a batch, runs, or bytes of a single run. Then the public
+// routine above its serial cut-off from inside TBB tasks, which nest their
+// own parallel_for.
+TEST(ParallelPermute, MatchesReference) {
+  std::vector<Case> const cut = {{{70, 300}, {2, 1}},       {{300, 3}, {2, 1}},
+                                 {{5, 40, 7}, {3, 1, 2}},   {{7, 50, 3}, {1, 3, 2}},
+                                 {{3, 4000, 2}, {1, 3, 2}}, {{20000}, {1}}};
+  for (std::size_t width : {1, 4, 8}) {
+    std::mt19937_64 rng(77 + width);
+    for (int i = 0; i < 300; ++i) {
+      ASSERT_TRUE(check(width, random_case(rng), rng, {kSplit}, i % 2 == 0, i % 3 * width));
+    }
+    for (Case const& c : cut) ASSERT_TRUE(check(width, c, rng, {kSplit}, true, width));
+  }
+  tbb::parallel_for(0, 6, [](int i) {
+    std::mt19937_64 rng(i);
+    EXPECT_TRUE(check(i % 3 == 0 ? 1 : i % 3 * 4, {{64, 16, 27, 27, 1}, {3, 4, 1, 2, 5}}, rng,
+                      {kParallel}));
+  });
 }
 
 // Every instruction set this CPU runs, each width: random shapes, runs of 4
@@ -157,8 +197,8 @@ TEST(PermuteKernels, EveryInstructionSetMatchesReference) {
       }
       std::size_t const shifts[] = {0, w, 3 * w, 16 + w, 64 - w};
       for (std::size_t k = 0; k < cases.size(); ++k) {
-        ASSERT_TRUE(check(w, cases[k], rng, isa, false, shifts[k % 5]));
-        ASSERT_TRUE(check(w, cases[k], rng, isa, true, shifts[k % 5]));
+        ASSERT_TRUE(check(w, cases[k], rng, {isa}, false, shifts[k % 5]));
+        ASSERT_TRUE(check(w, cases[k], rng, {isa}, true, shifts[k % 5]));
       }
     }
   }
