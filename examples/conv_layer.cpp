@@ -83,7 +83,9 @@ struct LayerTimes {
 };
 
 // Seconds inside gemm per worker thread, one cache line per arena slot so
-// that the workers do not share one.
+// that the workers do not share one. It times a task's run of products as a
+// whole: a clock read costs up to 70 ns here, a product 64 x 16 x 64 about
+// 1.3 us.
 class GemmClock {
  public:
   GemmClock() : slots_(static_cast<std::size_t>(tbb::this_task_arena::max_concurrency())) {}
@@ -177,24 +179,25 @@ void layer1_compute(nerva::FormattedInputArray<float> const& in,
       if (y == fy) zero(row - oy + (b0 - fx) * ox, (b1 - b0) * ox);
       if (y == ly - 1) zero(row + oy + (b0 - fx) * ox, (b1 - b0) * ox);
 
-      float beta = 0.0f;
-      for (long sy = 0; sy < ey; ++sy) {
-        long const ty = (half_y + sy) % ey, iy = y + ty - half_y;  // centre row first
-        if (iy < 0 || iy >= L(dy->inputExtent)) continue;
-        for (long sx = 0; sx < ex; ++sx) {
-          long const tx = (half_x + sx) % ex;
-          long const a = std::max(x0, half_x - tx);
-          long const b = std::min(x1, L(dx->inputExtent) + half_x - tx);
-          if (a >= b) continue;
-          long n = N * (b - a);
-          float const* A = weights.data() + tx * dx->windowIncrement + ty * dy->windowIncrement;
-          float const* B = src + (a + tx - half_x) * dx->inputIncrement + iy * dy->inputIncrement;
-          float* Cp = row + (a - fx) * ox;
-          clock.time(
-              [&] { nerva::gemm(&no, &no, &m, &n, &k, A, &lda, B, &ldb_, Cp, &ldc_, beta, 1.0f); });
-          beta = 1.0f;
+      clock.time([&] {
+        float beta = 0.0f;
+        for (long sy = 0; sy < ey; ++sy) {
+          long const ty = (half_y + sy) % ey, iy = y + ty - half_y;  // centre row first
+          if (iy < 0 || iy >= L(dy->inputExtent)) continue;
+          for (long sx = 0; sx < ex; ++sx) {
+            long const tx = (half_x + sx) % ex;
+            long const a = std::max(x0, half_x - tx);
+            long const b = std::min(x1, L(dx->inputExtent) + half_x - tx);
+            if (a >= b) continue;
+            long n = N * (b - a);
+            float const* A = weights.data() + tx * dx->windowIncrement + ty * dy->windowIncrement;
+            float const* B = src + (a + tx - half_x) * dx->inputIncrement + iy * dy->inputIncrement;
+            float* Cp = row + (a - fx) * ox;
+            nerva::gemm(&no, &no, &m, &n, &k, A, &lda, B, &ldb_, Cp, &ldc_, beta, 1.0f);
+            beta = 1.0f;
+          }
         }
-      }
+      });
     }
   });
 }
@@ -234,15 +237,16 @@ void layer2_compute(nerva::FormattedInputArray<float> const& in,
       float const* const window =
           src + (x_left + xo * sx) * dx->inputIncrement + (y_top + yo * sy) * dy->inputIncrement;
       float* const Cp = dst + yo * oy + xo * ox;
-      float beta = 0.0f;
-      for (long ty = 0; ty < ey; ++ty)
-        for (long tx = 0; tx < ex; ++tx) {
-          float const* A = weights.data() + tx * dx->windowIncrement + ty * dy->windowIncrement;
-          float const* B = window + tx * dx->inputIncrement + ty * dy->inputIncrement;
-          clock.time(
-              [&] { nerva::gemm(&no, &no, &m, &n, &k, A, &lda, B, &ldb_, Cp, &ldc_, beta, 1.0f); });
-          beta = 1.0f;
-        }
+      clock.time([&] {
+        float beta = 0.0f;
+        for (long ty = 0; ty < ey; ++ty)
+          for (long tx = 0; tx < ex; ++tx) {
+            float const* A = weights.data() + tx * dx->windowIncrement + ty * dy->windowIncrement;
+            float const* B = window + tx * dx->inputIncrement + ty * dy->inputIncrement;
+            nerva::gemm(&no, &no, &m, &n, &k, A, &lda, B, &ldb_, Cp, &ldc_, beta, 1.0f);
+            beta = 1.0f;
+          }
+      });
     }
   });
 }
