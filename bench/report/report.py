@@ -60,12 +60,12 @@ class Results:
 
 class LayerStep:
     """The medians the example prints (ms per layer 1, layer 2 and both) and
-    PyTorch's, each None when missing."""
+    PyTorch's; None (or no thread counts) when missing."""
 
     def __init__(self, folder):
         self.threads = {}  # thread count -> (layer 1, layer 2, both)
-        self.step = self.outside = self.torch = None
-        self.torch_threads = None
+        self.step = self.outside = self.torch = None  # all cores; PyTorch on as many
+        self.torch_threads = self.torch_version = None
         number = r"\s+([\d.]+)%?"
         try:
             with open(os.path.join(folder, "conv_layer.txt")) as f:
@@ -225,12 +225,13 @@ def ratio_cases(res, layer):
             s = layer.threads[1][2] / layer.threads[cores][2]
             f = (1 / s - 1 / cores) / (1 - 1 / cores)
             bound = 1.9 if cores == 2 else round(1 / (0.05 + 0.95 / cores), 2)
-            add("layer", "layer step speedup 1 -> %d threads (serial fraction %.1f%%)" % (cores, 100 * f),
-                "%.2f ms" % layer.threads[cores][2], "1 thread %.2f ms" % layer.threads[1][2], s,
-                ">=", bound)
+            add("layer", "layer step speedup 1 -> %d threads (serial fraction %.1f%%)"
+                % (cores, 100 * f), "%.2f ms" % layer.threads[cores][2],
+                "1 thread %.2f ms" % layer.threads[1][2], s, ">=", bound)
     if layer.outside:
-        add("layer", "share of the step outside the GEMM, % (all cores)", "%.1f%%" % layer.outside[2],
-            "step %.2f ms" % layer.step[2] if layer.step else "-", layer.outside[2], "<", 15.0)
+        add("layer", "share of the step outside the GEMM, % (all cores)",
+            "%.1f%%" % layer.outside[2], "step %.2f ms" % layer.step[2] if layer.step else "-",
+            layer.outside[2], "<", 15.0)
     return rows
 
 
