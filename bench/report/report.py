@@ -246,11 +246,12 @@ def write_markdown(res, rows, layer, path):
                    ctx.get("mhz_per_cpu", "?"),
                    ", load %.1f" % ctx["load_avg"][0] if ctx.get("load_avg") else ""))
         if layer.torch:
-            f.write("Layer rows: `examples/conv_layer` (median of steps 2..20) against PyTorch %s "
-                    "`conv2d` on %d threads (median of 30 calls), NCHW float32, the same shapes.\n\n"
-                    % (layer.torch_version, layer.torch_threads))
+            f.write("Layer rows: `examples/conv_layer` (median of steps 2..20) against PyTorch "
+                    "%s `conv2d` on %d threads (median of 30 calls), NCHW float32, the same "
+                    "shapes.\n\n" % (layer.torch_version, layer.torch_threads))
         elif layer.step:
-            f.write("Layer rows: PyTorch was not available, so the comparison rows are missing.\n\n")
+            f.write("Layer rows: PyTorch was not available, so the comparison rows are "
+                    "missing.\n\n")
         f.write("| family | case | time or rate | baseline | ratio | target | met |\n")
         f.write("|---|---|---|---|---:|---|---|\n")
         for family, case, value, base, ratio, target, met in rows:
