@@ -289,6 +289,7 @@ StepResult run_step(nerva::SharedMemoryPool& pool, Shape const& s, int threads,
   r.l1.compute = seconds_since(t0);
   r.l1.gemm = clock.take() / threads;
   check(1, out1->Data(), *out1);
+  pool.checkin(in1.Relinquish());  // the chained input is done with
 
   // Layer 2 takes layer 1's buffer over in the chained layout, padded
   // extents included: no element moves between the layers.
