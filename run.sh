@@ -98,6 +98,10 @@ case "$cmd" in
     ;;
   bench)
     ensure_packages gnuplot-nox python3
+    # PyTorch is only the comparison of the layer step: never needed by the build, the tests
+    # or the example, and the report skips its rows when it cannot be installed.
+    torch=yes
+    ensure_packages python3-torch || torch=no
     configure build -DCMAKE_BUILD_TYPE=Release
     build build
     mkdir -p build/bench
@@ -106,6 +110,19 @@ case "$cmd" in
       echo "== $b"
       "$b" --benchmark_out="$b.json" --benchmark_out_format=json "${@:2}"
     done
+    # The layer step at one thread and all cores, then PyTorch's conv2d on the same layers.
+    layer=(--batch 16 --channels 64 --size 56x56 --out 64)
+    echo "== build/examples/conv_layer ${layer[*]} --steps 20"
+    ./build/examples/conv_layer "${layer[@]}" --steps 20 | tee build/bench/conv_layer.txt
+    rm -f build/bench/torch_conv.json
+    # Debian's interpreter: python3-torch is not on the path of another python3 (pyenv, venv).
+    if [ "$torch" = yes ]; then
+      echo "== PyTorch conv2d, same layers"
+      /usr/bin/python3 bench/layer/torch_conv.py "${layer[@]}" --json build/bench/torch_conv.json ||
+        echo "PyTorch conv2d did not run: the report skips its rows"
+    else
+      echo "python3-torch could not be installed: the report skips the PyTorch rows"
+    fi
     python3 bench/report/report.py build/bench
     gnuplot -e "dir='build/bench'" bench/report/report.gp
     echo "== build/bench/report.md (plot: build/bench/report.png)"

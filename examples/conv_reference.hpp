@@ -1,9 +1,10 @@
 #pragma once
 
 // Direct 3x3-window convolution in plain loops, accumulated in double, as the
-// yardstick for the layer step. Arrays are in the host's KORVAL layout:
+// yardstick for the layer step. Inputs are in the host's KORVAL layout:
 // element (x, y, c, n) of an array of extent W x H x C x N lies at
-// x + W * (y + H * (c + C * n)).
+// x + W * (y + H * (c + C * n)). Outputs are read through their element
+// increments, so that a chained result can be checked where it lies.
 
 #include <algorithm>
 #include <cmath>
@@ -19,6 +20,14 @@ struct Shape {
   }
 };
 
+// Element increments of x, y, channel and observation.
+struct Increments {
+  long x, y, c, n;
+  long at(std::size_t x_, std::size_t y_, std::size_t c_, std::size_t n_) const {
+    return x * long(x_) + y * long(y_) + c * long(c_) + n * long(n_);
+  }
+};
+
 // Weights as the layer keeps them: (k, c, t) at k + K * (c + C * t), tap
 // t = tx + 3 * ty.
 struct Weights {
@@ -29,6 +38,16 @@ struct Weights {
   }
 };
 
+// The elements of `data` (extents `s`, increments `inc`) in KORVAL order.
+inline std::vector<float> korval_copy(float const* data, Shape s, Increments inc) {
+  std::vector<float> v(s.w * s.h * s.c * s.n);
+  for (std::size_t n = 0; n < s.n; ++n)
+    for (std::size_t c = 0; c < s.c; ++c)
+      for (std::size_t y = 0; y < s.h; ++y)
+        for (std::size_t x = 0; x < s.w; ++x) v[s.at(x, y, c, n)] = data[inc.at(x, y, c, n)];
+  return v;
+}
+
 // Largest error of `out` against the direct convolution, for the observations
 // in `batch` and every channel and position, borders included. Output
 // position (xo, yo) centres the window on input position (pad_in + first +
@@ -37,10 +56,11 @@ struct Weights {
 // {max abs error, max abs reference value}.
 struct Error {
   double abs = 0, scale = 0;
+  void merge(Error const& e) { abs = std::max(abs, e.abs), scale = std::max(scale, e.scale); }
 };
 
 inline Error check(std::vector<float> const& in, Shape si, Weights wt, float const* out, Shape so,
-                   std::size_t out_pad, std::size_t first, std::size_t stride,
+                   Increments oi, std::size_t out_pad, std::size_t first, std::size_t stride,
                    std::vector<std::size_t> const& batch) {
   Error e;
   std::size_t const wo = so.w - 2 * out_pad, ho = so.h - 2 * out_pad;
@@ -65,7 +85,7 @@ inline Error check(std::vector<float> const& in, Shape si, Weights wt, float con
                          in[si.at(static_cast<std::size_t>(x), static_cast<std::size_t>(y), c, n)];
                 }
           }
-          e.abs = std::max(e.abs, std::fabs(ref - double(out[so.at(xp, yp, k, n)])));
+          e.abs = std::max(e.abs, std::fabs(ref - double(out[oi.at(xp, yp, k, n)])));
           e.scale = std::max(e.scale, std::fabs(ref));
         }
   return e;

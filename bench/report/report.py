@@ -3,14 +3,18 @@
 
   report.md   one table: each case, its ratio to the baseline measured in the
               same run, and the target;
-  sweep.dat, gemm.dat
+  sweep.dat, gemm.dat, layer.dat
               the series that report.gp draws into report.png.
+
+The layer rows come from the example's output (conv_layer.txt) and PyTorch's
+conv2d on the same layers (torch_conv.json), both written by `./run.sh bench`.
 
 usage: report.py BENCH_DIR   (the folder holding bench_*.json; outputs go there too)
 """
 import datetime
 import json
 import os
+import re
 import sys
 
 
@@ -54,7 +58,40 @@ class Results:
         return max(r[counter] for r in runs if counter in r)
 
 
-def ratio_cases(res):
+class LayerStep:
+    """The medians the example prints (ms per layer 1, layer 2 and both) and
+    PyTorch's; None (or no thread counts) when missing."""
+
+    def __init__(self, folder):
+        self.threads = {}  # thread count -> (layer 1, layer 2, both)
+        self.step = self.outside = self.torch = None  # all cores; PyTorch on as many
+        self.torch_threads = self.torch_version = None
+        number = r"\s+([\d.]+)%?"
+        try:
+            with open(os.path.join(folder, "conv_layer.txt")) as f:
+                for line in f:
+                    m = re.match(r"(\d+) threads?" + number * 3 + r"\s*$", line)
+                    if m:
+                        self.threads[int(m.group(1))] = tuple(float(v) for v in m.groups()[1:])
+                    m = re.match(r"layer step" + number * 3, line)
+                    if m:
+                        self.step = tuple(float(v) for v in m.groups())
+                    m = re.match(r"share outside the GEMM" + number * 3, line)
+                    if m:
+                        self.outside = tuple(float(v) for v in m.groups())
+        except OSError:
+            pass
+        try:
+            with open(os.path.join(folder, "torch_conv.json")) as f:
+                t = json.load(f)
+            self.torch = (t["layer1_ms"], t["layer2_ms"], t["both_ms"])
+            self.torch_threads = t["threads"]
+            self.torch_version = t["torch_version"]
+        except (OSError, ValueError, KeyError):
+            pass
+
+
+def ratio_cases(res, layer):
     """(family, case, value, baseline, ratio, target, met) rows; a row without a
     target has target "report" and met None."""
     rows = []
@@ -65,7 +102,7 @@ def ratio_cases(res):
         if op is None:
             rows.append((family, case, value, baseline, ratio, "report", None))
             return
-        met = ratio >= bound if op == ">=" else ratio <= bound
+        met = {">=": ratio >= bound, "<=": ratio <= bound, "<": ratio < bound}[op]
         rows.append((family, case, value, baseline, ratio, "%s %g" % (op, bound), met))
 
     def times(kernel, base):
@@ -170,10 +207,35 @@ def ratio_cases(res):
             if k and b:
                 add("gemm", "tbb_gemm %s %s vs OpenBLAS" % (t, shape), "%.1f GFLOP/s" % k,
                     "OpenBLAS threaded %.1f GFLOP/s" % b, k / b)
+
+    # The example's two-layer step on all cores against PyTorch's conv2d on the
+    # same layers and threads (time / PyTorch time, lower is better); its
+    # speedup from one thread to all cores, with the serial fraction
+    # f = (1/S - 1/P) / (1 - 1/P) that it implies (target f <= 5%, which on
+    # two cores is S >= 1.90); and the share of the step outside the GEMM.
+    if layer.step and layer.torch:
+        for i, name in enumerate(("layer 1 (3x3, stride 1)", "layer 2 (3x3, stride 2)")):
+            add("layer", "%s, time / PyTorch time" % name, "%.2f ms" % layer.step[i],
+                "PyTorch conv2d %.2f ms" % layer.torch[i], layer.step[i] / layer.torch[i])
+        add("layer", "layer step, both layers, time / PyTorch time", "%.2f ms" % layer.step[2],
+            "PyTorch conv2d %.2f ms" % layer.torch[2], layer.step[2] / layer.torch[2], "<=", 1.3)
+    if len(layer.threads) == 2:
+        one, cores = sorted(layer.threads)
+        if one == 1:
+            s = layer.threads[1][2] / layer.threads[cores][2]
+            f = (1 / s - 1 / cores) / (1 - 1 / cores)
+            bound = 1.9 if cores == 2 else round(1 / (0.05 + 0.95 / cores), 2)
+            add("layer", "layer step speedup 1 -> %d threads (serial fraction %.1f%%)"
+                % (cores, 100 * f), "%.2f ms" % layer.threads[cores][2],
+                "1 thread %.2f ms" % layer.threads[1][2], s, ">=", bound)
+    if layer.outside:
+        add("layer", "share of the step outside the GEMM, % (all cores)",
+            "%.1f%%" % layer.outside[2], "step %.2f ms" % layer.step[2] if layer.step else "-",
+            layer.outside[2], "<", 15.0)
     return rows
 
 
-def write_markdown(res, rows, path):
+def write_markdown(res, rows, layer, path):
     ctx = res.context
     with open(path, "w") as f:
         f.write("Benchmark report, %s; %s CPUs at %s MHz%s. Each ratio is baseline time / case "
@@ -183,6 +245,13 @@ def write_markdown(res, rows, path):
                 % (datetime.date.today().isoformat(), ctx.get("num_cpus", "?"),
                    ctx.get("mhz_per_cpu", "?"),
                    ", load %.1f" % ctx["load_avg"][0] if ctx.get("load_avg") else ""))
+        if layer.torch:
+            f.write("Layer rows: `examples/conv_layer` (median of steps 2..20) against PyTorch "
+                    "%s `conv2d` on %d threads (median of 30 calls), NCHW float32, the same "
+                    "shapes.\n\n" % (layer.torch_version, layer.torch_threads))
+        elif layer.step:
+            f.write("Layer rows: PyTorch was not available, so the comparison rows are "
+                    "missing.\n\n")
         f.write("| family | case | time or rate | baseline | ratio | target | met |\n")
         f.write("|---|---|---|---|---:|---|---|\n")
         for family, case, value, base, ratio, target, met in rows:
@@ -195,7 +264,7 @@ def write_markdown(res, rows, path):
         f.write("\n%d of %d cases with a target meet it.\n" % (met, len(targeted)))
 
 
-def write_series(res, folder):
+def write_series(res, layer, folder):
     kinds = ("memcpy_1thread", "simple_copy", "permute_korval_to_chained",
              "permute_chained_to_korval")
     with open(os.path.join(folder, "sweep.dat"), "w") as f:
@@ -215,14 +284,24 @@ def write_series(res, folder):
                     v = res.best_counter("%s<%s>/%d" % (what, t, n), "GFLOPS")
                     vals.append("%.2f" % v if v else "NaN")
             f.write("%d %s\n" % (n, " ".join(vals)))
+    one = layer.threads.get(1)
+    cores = max(layer.threads) if layer.threads else None
+    with open(os.path.join(folder, "layer.dat"), "w") as f:
+        f.write("# case nerva_1_thread nerva_all_cores pytorch_all_cores (ms)\n")
+        for i, name in enumerate(("layer 1", "layer 2", "both")):
+            vals = [one[i] if one and cores != 1 else None,
+                    layer.threads[cores][i] if cores else None,
+                    layer.torch[i] if layer.torch else None]
+            f.write('"%s" %s\n' % (name, " ".join("%.3f" % v if v else "NaN" for v in vals)))
 
 
 def main():
     folder = sys.argv[1] if len(sys.argv) > 1 else "build/bench"
     res = Results(folder)
-    rows = ratio_cases(res)
-    write_markdown(res, rows, os.path.join(folder, "report.md"))
-    write_series(res, folder)
+    layer = LayerStep(folder)
+    rows = ratio_cases(res, layer)
+    write_markdown(res, rows, layer, os.path.join(folder, "report.md"))
+    write_series(res, layer, folder)
 
 
 if __name__ == "__main__":
