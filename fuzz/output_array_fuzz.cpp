@@ -12,9 +12,9 @@
 #include <numeric>
 #include <vector>
 
-#include "ranged_copy_reference.hpp"
 #include "fuzz_support.hpp"
 #include "nerva/output_array.hpp"
+#include "ranged_copy_reference.hpp"
 
 namespace {
 

@@ -8,9 +8,9 @@
 #include <numeric>
 #include <vector>
 
-#include "ranged_copy_reference.hpp"
 #include "fuzz_support.hpp"
 #include "nerva/copy.hpp"
+#include "ranged_copy_reference.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   FuzzInput in(data, size);
