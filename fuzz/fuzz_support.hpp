@@ -13,8 +13,7 @@
 #include "nerva/memory.hpp"
 
 // An exhausted input reads as zeros, so every byte string decodes to some valid case.
-class FuzzInput {
- public:
+struct FuzzInput {
   FuzzInput(std::uint8_t const* data, std::size_t size) : data_(data), size_(size) {}
 
   std::uint8_t byte() { return pos_ < size_ ? data_[pos_++] : 0; }
@@ -35,7 +34,6 @@ class FuzzInput {
     return e;
   }
 
- private:
   std::uint8_t const* data_;
   std::size_t size_;
   std::size_t pos_ = 0;

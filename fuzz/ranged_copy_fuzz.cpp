@@ -4,8 +4,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <numeric>
 #include <vector>
 
 #include "fuzz_support.hpp"
@@ -17,16 +15,14 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   std::size_t const levels = in.in(1, 4), group = in.in(1, 9);
   std::vector<std::size_t> srcSizes(levels), dstSizes(levels);
   std::size_t srcRoom = 65536 / group, dstRoom = srcRoom;  // 65536 elements at most on each side
+  std::size_t srcTotal = group, dstTotal = group;
   for (std::size_t i = 0; i < levels; ++i) {
-    srcSizes[i] = in.extent(0, 40, srcRoom);
-    dstSizes[i] = in.extent(0, 40, dstRoom);
+    srcTotal *= srcSizes[i] = in.extent(0, 40, srcRoom);
+    dstTotal *= dstSizes[i] = in.extent(0, 40, dstRoom);
   }
   with_type<double, float, unsigned char, long>(in.in(0, 3), [&](auto zero) {
     using T = decltype(zero);
-    std::vector<T> src(
-        std::accumulate(srcSizes.begin(), srcSizes.end(), group, std::multiplies<>()));
-    std::vector<T> dst(
-        std::accumulate(dstSizes.begin(), dstSizes.end(), group, std::multiplies<>()));
+    std::vector<T> src(srcTotal), dst(dstTotal);
     for (std::size_t i = 0; i < src.size(); ++i) src[i] = static_cast<T>(i % 97 + 1);
     auto const want = ranged_copy_reference(src, srcSizes, dst, dstSizes, group);
     nerva::ranged_copy<T>(src.data(), srcSizes.data(), dst.data(), dstSizes.data(), levels - 1,
