@@ -3,6 +3,7 @@
 #include "qel_permute/permute.hpp"
 
 #include <gtest/gtest.h>
+#include <oneapi/tbb/parallel_for.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -140,6 +141,11 @@ TEST(Permute, PublicRoutinesAndParallelSplitMatchReference) {
     }
     for (Case const& c : cut) ASSERT_TRUE(check(width, c, rng, {kSplit}, true, width));
   }
+  // From inside TBB tasks, whose workers then run the routine's own nested parallel_for.
+  tbb::parallel_for(0, 2, [&](int i) {
+    std::mt19937_64 rng(i);
+    EXPECT_TRUE(check(4, {korval, toChained}, rng, {kParallel}));
+  });
 }
 
 // Every instruction set this CPU runs, each width: random shapes, runs of 4
