@@ -97,6 +97,7 @@ TEST_P(Arrays, InputBlocksGoBackToThePool) {
     // Then positions 1, 3, 5 of the first result's x, every y (3 x 3 in all).
     const std::size_t f2[2] = {1, 0}, l2[2] = {7, 3}, i2[2] = {2, 1};
     a.Subsample(f2, l2, i2, nullptr);
+    EXPECT_EQ(a.DataSize(1), 3u);
     for (std::size_t i = 0; i < 3 * 3 * c * n; ++i)
       ASSERT_EQ(a.Data()[i], value(1 + 3 * (1 + 2 * (i / (c * n) % 3)), 2 + 4 * (i / (c * n * 3)),
                                    i % c, i / c % n))
@@ -220,12 +221,14 @@ TEST(OutputArray, FromAFormatTakeOverAndLike) {
   EXPECT_EQ(idle_data(other), std::vector<void*>{buffer});
 
   // Like another with a new batch size: the bounds are copied, data leased.
-  const std::size_t firsts[1] = {1}, lasts[1] = {9}, strides[1] = {3}, padding[2] = {1, 1};
-  FormattedOutputArray<float> d(p.pool, firsts, lasts, strides, 1, 2, 1, padding, Unallocated);
+  // The data region starts one position in along x and one row (5) along y.
+  const std::size_t firsts[2] = {1, 0}, lasts[2] = {9, 2}, strides[2] = {3, 1};
+  const std::size_t padding[4] = {1, 1, 1, 0};
+  FormattedOutputArray<float> d(p.pool, firsts, lasts, strides, 2, 2, 1, padding, Unallocated);
   FormattedOutputArray<float> e(p.pool, &d, 1000);
-  EXPECT_EQ(e.UnpaddedData(), e.Data() + 1);
+  EXPECT_EQ(e.UnpaddedData(), e.Data() + 6);
   // Without a block the offset still applies, counted from address 0.
-  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(d.UnpaddedData()), sizeof(float));
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(d.UnpaddedData()), 6 * sizeof(float));
 }
 
 // KORVAL -> chained -> KORVAL leases once: the KORVAL elements end up back in
