@@ -94,6 +94,8 @@ void expect_layout(const FormattedArray& a, const CNNMemoryBlock& block, const L
   for (size_t p = 0, s = 1; p < 5; s *= kSizes[order[p++]]) stride[order[p]] = s;
   for (size_t p = 0; p < 5; ++p) EXPECT_EQ(a.GetDimensionPermutation()[order[p]], p);
   EXPECT_EQ(increments_of(a), (Increments{long(stride[0]), long(stride[1])}));
+  EXPECT_EQ(a.ChannelIncrement(), stride[2]);
+  EXPECT_EQ(a.ObservationIncrement(), stride[3]);
   for (size_t k = 0; k < 360; ++k) {
     size_t off = 0;
     for (size_t d = 0, rest = k; d < 5; rest /= kSizes[d++]) off += rest % kSizes[d] * stride[d];

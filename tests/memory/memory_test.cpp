@@ -96,6 +96,7 @@ TEST(LeaseOrError, ReportsOnlyWhenEveryPartyWaits) {
 
   static int calls;
   SharedMemoryPool patient(counting::functions(), [](char const* message) {
+    EXPECT_STREQ(message, "Out of memory.");
     if (++calls == 3) throw std::runtime_error(message);
   });
   const std::size_t failures = counting::stats().failures;
