@@ -118,6 +118,7 @@ TEST(NDDescriptor, MissingWindowIncrementsAndDirectRecords) {
   const long inputInc[] = {8, 64};
   auto nd = out->ConvolutionDescriptorND(window, nullptr, input, inputInc);
   EXPECT_EQ(fields(*nd, 1), (std::vector<long>{0, 7, 6, 3, 0, 9, 64}));
+  EXPECT_EQ(nd->windowIncrements[0], 0);
   expect_direct_records<ConvolutionNDDescriptor>();
   expect_direct_records<StridedConvolutionNDDescriptor>();
 }
