@@ -10,6 +10,7 @@
 #include <xmmintrin.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 #include "permute/execute.hpp"
@@ -182,7 +183,11 @@ void execute_parallel(Plan plan, std::size_t width, Isa isa, Byte const* src, By
     execute(plan, width, isa, src, dst, streamBytes);
     return;
   }
-  Nest const nest = make_nest(plan, width, isa, streamBytes);
+  // Streaming pays once each worker's share outgrows the caches (measured on
+  // two workers: 6 MB moved 1.1x to 2.2x faster with plain stores, 14 MB
+  // 1.4x faster streamed).
+  std::size_t const shared = streamBytes > SIZE_MAX / workers ? SIZE_MAX : streamBytes * workers;
+  Nest const nest = make_nest(plan, width, isa, shared);
   // Units aimed at: one per task's bytes, but at least two per worker and,
   // while units stay above kMinTaskBytes, up to eight per worker.
   std::size_t const pieces =
