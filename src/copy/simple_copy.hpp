@@ -9,7 +9,13 @@
 #include <oneapi/tbb/parallel_for.h>
 #include <oneapi/tbb/partitioner.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+#include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <type_traits>
 
@@ -55,6 +61,38 @@ inline void fill_run(T* data, std::size_t n, T value) {
   }
 }
 
+// Fills of at least this many bytes cannot stay in the caches, so their
+// chunks are written with non-temporal stores: no read-for-ownership of the
+// old lines, half the memory traffic (measured on 64 MiB, two workers: 1.6x
+// to 2.6x faster than plain stores).
+constexpr std::size_t kStreamFillBytes = std::size_t{16} << 20;
+
+// fill_run with non-temporal stores of whole 16-byte words: plain stores up
+// to the first aligned word and after the last one. T is aligned to its
+// size, which divides 16, so the repeated pattern stays in phase. The
+// stores are weakly ordered: the fence makes them visible before the task
+// that made them reports itself done.
+template <class T>
+inline void stream_fill_run(T* data, std::size_t n, T value) {
+#if defined(__SSE2__)
+  auto const addr = reinterpret_cast<std::uintptr_t>(data);
+  std::size_t const head = std::min(n, (16 - addr % 16) % 16 / sizeof(T));
+  std::size_t const words = (n - head) * sizeof(T) / 16;
+  if (words == 0) return fill_run(data, n, value);
+  fill_run(data, head, value);
+  unsigned char pattern[16];
+  for (std::size_t i = 0; i < 16; i += sizeof(T)) std::memcpy(pattern + i, &value, sizeof(T));
+  __m128i const word = _mm_loadu_si128(reinterpret_cast<__m128i const*>(pattern));
+  auto* out = reinterpret_cast<__m128i*>(data + head);
+  for (std::size_t i = 0; i < words; ++i) _mm_stream_si128(out + i, word);
+  std::size_t const done = head + words * 16 / sizeof(T);
+  fill_run(data + done, n - done, value);
+  _mm_sfence();
+#else
+  fill_run(data, n, value);
+#endif
+}
+
 }  // namespace detail
 
 // Copies src[0, n) to dst[0, n); every chunk is one memmove.
@@ -75,7 +113,8 @@ void execute_simple_copy(T* dst, T const* src, std::size_t n) {
       tbb::auto_partitioner());
 }
 
-// Sets data[0, n) to value; every chunk is one store loop (memset for bytes).
+// Sets data[0, n) to value; every chunk is one store loop (memset for bytes),
+// with non-temporal stores when the whole fill is too large for the caches.
 template <class T>
 void execute_simple_fill(T* data, std::size_t n, T value) {
   static_assert(simple_fill_grain<T> != 0,
@@ -85,10 +124,15 @@ void execute_simple_fill(T* data, std::size_t n, T value) {
     detail::fill_run(data, n, value);
     return;
   }
+  bool const stream = n >= detail::kStreamFillBytes / sizeof(T);
   tbb::parallel_for(
       tbb::blocked_range<std::size_t>(0, n, grain),
-      [data, value](tbb::blocked_range<std::size_t> const& r) {
-        detail::fill_run(data + r.begin(), r.size(), value);
+      [data, value, stream](tbb::blocked_range<std::size_t> const& r) {
+        if (stream) {
+          detail::stream_fill_run(data + r.begin(), r.size(), value);
+        } else {
+          detail::fill_run(data + r.begin(), r.size(), value);
+        }
       },
       tbb::auto_partitioner());
 }

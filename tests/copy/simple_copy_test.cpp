@@ -39,11 +39,31 @@ void check_each() {
   (check<Ts, Fill>(), ...);
 }
 
+// Fills large enough for non-temporal stores, starting one element past a
+// 16-byte boundary and ending mid-word: head, words and tail all get the value
+// and the neighbours keep theirs.
+template <class... Ts>
+void check_streamed_fills() {
+  auto one = [](auto zero) {
+    using T = decltype(zero);
+    std::size_t const n = nerva::detail::kStreamFillBytes / sizeof(T) + 3;
+    std::vector<T> buf(n + 2, T(99));
+    nerva::execute_simple_fill<T>(buf.data() + 1, n, T(7));
+    std::size_t wrong = 0;
+    for (std::size_t i = 1; i <= n; ++i) wrong += buf[i] != T(7);
+    EXPECT_EQ(wrong, 0u) << sizeof(T);
+    EXPECT_EQ(buf[0], T(99));
+    EXPECT_EQ(buf[n + 1], T(99));
+  };
+  (one(Ts(0)), ...);
+}
+
 TEST(SimpleCopyAndFill, GrainBoundaries) {
   check_each<false, unsigned char, float, double>();
   check_each<true, unsigned char, float, double, long>();
   nerva::execute_simple_copy<float>(nullptr, nullptr, 0);  // zero elements touch nothing
   nerva::execute_simple_fill<long>(nullptr, 0, 1);
+  check_streamed_fills<unsigned char, float, double, long>();
 }
 
 }  // namespace
