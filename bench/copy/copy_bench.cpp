@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "copy/simple_copy.hpp"
+#include "interleaved_args.hpp"
 #include "nerva/copy.hpp"
 #include "nerva/memory.hpp"
 
@@ -330,7 +331,8 @@ int main(int argc, char** argv) {
   ratios.push_back({"ranged copy vs memcpy of moved bytes", "ranged_56to58_64x32/ranged_copy",
                     "ranged_56to58_64x32/memcpy_1thread", 1.0, false, ">= 0.7"});
 
-  benchmark::Initialize(&argc, argv);
+  bench::InterleavedArgs args(argc, argv);
+  benchmark::Initialize(args.argc(), args.argv());
   RecordingReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
 

@@ -3,7 +3,7 @@
 // bytes and a naive index loop, all in the same run. After the Google
 // Benchmark output a summary table gives, per case, the rate of Permute<N>
 // and the ratios of both routines to memcpy and of Permute<N> to the naive
-// loop (the best of the repetitions when --benchmark_repetitions is given).
+// loop, each from the best of five repetitions, run in random order.
 #include <benchmark/benchmark.h>
 #include <oneapi/tbb/task_arena.h>
 
@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "interleaved_args.hpp"
 #include "qel_permute/permute.hpp"
 
 namespace {
@@ -156,11 +157,11 @@ class SummaryReporter : public benchmark::ConsoleReporter {
   void ReportRuns(std::vector<Run> const& runs) override {
     for (auto const& run : runs) {
       if (run.run_type != Run::RT_Iteration || run.iterations == 0) continue;
+      // The case's name without the option parts Google Benchmark appends.
       std::string name = run.benchmark_name();
-      std::string const suffix = "/real_time";
-      if (name.size() > suffix.size() &&
-          name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
-        name.resize(name.size() - suffix.size());
+      for (char const* option : {"/min_time:", "/repeats:", "/real_time"}) {
+        std::size_t const at = name.find(option);
+        if (at != std::string::npos) name.resize(at);
       }
       // With repetitions, the best run: the machine may be shared.
       double const t = run.real_accumulated_time / static_cast<double>(run.iterations);
@@ -201,10 +202,13 @@ int main(int argc, char** argv) {
       std::string const name = std::string(kKindNames[static_cast<int>(kind)]) + "/" + c.name;
       benchmark::RegisterBenchmark(name.c_str(), bench_case, c, kind)
           ->Unit(benchmark::kMillisecond)
-          ->UseRealTime();
+          ->UseRealTime()
+          ->MinTime(0.1)
+          ->Repetitions(5);
     }
   }
-  benchmark::Initialize(&argc, argv);
+  bench::InterleavedArgs args(argc, argv);
+  benchmark::Initialize(args.argc(), args.argv());
   SummaryReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   reporter.PrintSummary();
