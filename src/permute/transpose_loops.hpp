@@ -119,11 +119,24 @@ struct Tiles {
     for (std::size_t j = first; j < T; ++j) K::store(d + j * dB, rows[j]);
   }
 
+  // Asks for the next line of `rows` source rows, the one the tile after
+  // this one reads. A tile reads one line from each of its rows, more rows
+  // than the hardware prefetchers follow at once (measured: 1.1x to 1.5x
+  // faster out of L2, neutral within it). A prefetch never faults, so the
+  // address may lie past the end of the source; it is formed as an integer.
+  static void prefetch_next(Elem const* s, std::size_t sA, std::size_t rows) {
+    auto const at = reinterpret_cast<std::uintptr_t>(s) + T * sizeof(Elem);
+    for (std::size_t i = 0; i < rows; ++i) {
+      __builtin_prefetch(reinterpret_cast<void const*>(at + i * sA * sizeof(Elem)));
+    }
+  }
+
   // kTile destination rows of kLine elements; each row is written whole,
   // back to back, so non-temporal stores fill complete lines.
   template <bool Stream>
   static void line(Elem const* s, std::size_t sA, Elem* d, std::size_t dB) {
     Vec rows[L][T];
+    prefetch_next(s, sA, L * T);
     for (std::size_t l = 0; l < L; ++l) K::transpose(s + l * T * sA, sA, rows[l]);
     for (std::size_t j = 0; j < T; ++j) {
       for (std::size_t l = 0; l < L; ++l) put<Stream>(d + j * dB + l * T, rows[l][j]);
@@ -201,6 +214,7 @@ struct Tiles {
       auto band = [&](std::size_t b, std::size_t first) {
         for (std::size_t a = base; a < lim; a += kLine) {
           std::size_t const at = a + kLine <= lim ? a : lim - kLine;
+          prefetch_next(src + at * sA + b, sA, L * T);
           for (std::size_t l = 0; l < L; ++l) {
             one(src + (at + l * T) * sA + b, sA, stage + (at - base) + l * T, kStageCols, 0);
           }
