@@ -379,7 +379,7 @@ int main(int argc, char** argv) {
                  argv[0]);
     return 2;
   }
-  // One thread and all cores, step by step in turn, or the given count alone.
+  // One thread and then all cores, or the given count alone.
   int const cores = tbb::this_task_arena::max_concurrency();
   std::vector<int> counts;
   if (threads > 0)
@@ -433,25 +433,39 @@ int main(int argc, char** argv) {
         (std::to_string(counts[c]) + (counts[c] > 1 ? " threads" : " thread") + ", ms").c_str());
   std::printf(" %11s %17s %7s %11s %14s\n", "GEMM share", "fresh allocations", "reuses",
               "idle blocks", "idle bytes");
-  for (int step = 1; step <= steps; ++step) {
-    host = HostCounters{};
-    std::size_t reuses = 0;
-    std::printf("%-5d", step);
-    for (std::size_t c = 0; c < runs; ++c) {
-      tbb::global_control limit(tbb::global_control::max_allowed_parallelism,
-                                std::size_t(counts[c]));
+  // All steps at one thread count, then all at the next. Taking turns step
+  // by step left the TBB worker idle through every one-thread step, and on a
+  // shared machine its core then often came back too late for the next
+  // all-core step (up to half of them ran at one-thread speed).
+  struct PoolState {
+    std::size_t fresh, reuses, idle_blocks, idle_bytes;
+  };
+  std::vector<std::vector<PoolState>> after(runs);
+  for (std::size_t c = 0; c < runs; ++c) {
+    tbb::global_control limit(tbb::global_control::max_allowed_parallelism, std::size_t(counts[c]));
+    for (int step = 1; step <= steps; ++step) {
+      host = HostCounters{};
       checking = step == 1;
-      StepResult const r = run_step(pool, s, in_use(c), input, w1, w2, clock, check);
-      std::printf(" %14.2f", 1e3 * (r.l1.total() + r.l2.total()));
-      reuses += r.reuses;
-      results[c].push_back(r);
+      results[c].push_back(run_step(pool, s, in_use(c), input, w1, w2, clock, check));
+      std::size_t idle_bytes = 0;
+      for (auto const& b : pool.blocks) idle_bytes += b->allocated_size();
+      after[c].push_back(
+          {host.data_allocations, results[c].back().reuses, pool.blocks.size(), idle_bytes});
     }
-    StepResult const& last = results.back().back();
-    std::size_t idle_bytes = 0;
-    for (auto const& b : pool.blocks) idle_bytes += b->allocated_size();
+  }
+  for (std::size_t i = 0; i < std::size_t(steps); ++i) {
+    std::size_t fresh = 0, reuses = 0;
+    std::printf("%-5zu", i + 1);
+    for (std::size_t c = 0; c < runs; ++c) {
+      StepResult const& r = results[c][i];
+      std::printf(" %14.2f", 1e3 * (r.l1.total() + r.l2.total()));
+      fresh += after[c][i].fresh;
+      reuses += after[c][i].reuses;
+    }
+    StepResult const& last = results.back()[i];
     std::printf(" %10.1f%% %17zu %7zu %11zu %14zu\n",
-                100.0 * (last.l1.gemm + last.l2.gemm) / (last.l1.total() + last.l2.total()),
-                host.data_allocations, reuses, pool.blocks.size(), idle_bytes);
+                100.0 * (last.l1.gemm + last.l2.gemm) / (last.l1.total() + last.l2.total()), fresh,
+                reuses, after.back()[i].idle_blocks, after.back()[i].idle_bytes);
   }
 
   // Medians over the steps that run on a warm pool (all steps if there is one).
