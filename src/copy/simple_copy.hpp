@@ -61,11 +61,12 @@ inline void fill_run(T* data, std::size_t n, T value) {
   }
 }
 
-// Fills of at least this many bytes cannot stay in the caches, so their
-// chunks are written with non-temporal stores: no read-for-ownership of the
-// old lines, half the memory traffic (measured on 64 MiB, two workers: 1.7x
-// to 2.7x faster than plain stores).
-constexpr std::size_t kStreamFillBytes = std::size_t{16} << 20;
+// Copies and fills of at least this many bytes cannot stay in the caches, so
+// their chunks are written with non-temporal stores: no read-for-ownership of
+// the old lines, a third less memory traffic for a copy and half for a fill
+// (measured on 64 MiB, two workers: copies 1.4x and fills 1.7x to 2.7x faster
+// than plain stores).
+constexpr std::size_t kStreamBytes = std::size_t{16} << 20;
 
 // fill_run with non-temporal stores of whole 16-byte words: plain stores up
 // to the first aligned word and after the last one. T is aligned to its
@@ -93,9 +94,35 @@ inline void stream_fill_run(T* data, std::size_t n, T value) {
 #endif
 }
 
+// copy_run with non-temporal stores of whole 16-byte words, for copies too
+// large for the caches: plain moves up to the first aligned destination word
+// and after the last one, unaligned loads. The fence orders the stores
+// before the task reports itself done.
+template <class T>
+inline void stream_copy_run(T* dst, T const* src, std::size_t n) {
+#if defined(__SSE2__)
+  auto const addr = reinterpret_cast<std::uintptr_t>(dst);
+  std::size_t const head = std::min(n, (16 - addr % 16) % 16 / sizeof(T));
+  std::size_t const words = (n - head) * sizeof(T) / 16;
+  if (words == 0) return copy_run(dst, src, n);
+  copy_run(dst, src, head);
+  auto* out = reinterpret_cast<__m128i*>(dst + head);
+  auto const* in = reinterpret_cast<unsigned char const*>(src + head);
+  for (std::size_t i = 0; i < words; ++i) {
+    _mm_stream_si128(out + i, _mm_loadu_si128(reinterpret_cast<__m128i const*>(in + 16 * i)));
+  }
+  std::size_t const done = head + words * 16 / sizeof(T);
+  copy_run(dst + done, src + done, n - done);
+  _mm_sfence();
+#else
+  copy_run(dst, src, n);
+#endif
+}
+
 }  // namespace detail
 
-// Copies src[0, n) to dst[0, n); every chunk is one memmove.
+// Copies src[0, n) to dst[0, n); every chunk is one memmove, or one streaming
+// loop when the whole copy is too large for the caches.
 template <class T>
 void execute_simple_copy(T* dst, T const* src, std::size_t n) {
   static_assert(simple_copy_grain<T> != 0,
@@ -105,10 +132,15 @@ void execute_simple_copy(T* dst, T const* src, std::size_t n) {
     detail::copy_run(dst, src, n);
     return;
   }
+  bool const stream = n >= detail::kStreamBytes / sizeof(T);
   tbb::parallel_for(
       tbb::blocked_range<std::size_t>(0, n, grain),
-      [dst, src](tbb::blocked_range<std::size_t> const& r) {
-        detail::copy_run(dst + r.begin(), src + r.begin(), r.size());
+      [dst, src, stream](tbb::blocked_range<std::size_t> const& r) {
+        if (stream) {
+          detail::stream_copy_run(dst + r.begin(), src + r.begin(), r.size());
+        } else {
+          detail::copy_run(dst + r.begin(), src + r.begin(), r.size());
+        }
       },
       tbb::auto_partitioner());
 }
@@ -124,7 +156,7 @@ void execute_simple_fill(T* data, std::size_t n, T value) {
     detail::fill_run(data, n, value);
     return;
   }
-  bool const stream = n >= detail::kStreamFillBytes / sizeof(T);
+  bool const stream = n >= detail::kStreamBytes / sizeof(T);
   tbb::parallel_for(
       tbb::blocked_range<std::size_t>(0, n, grain),
       [data, value, stream](tbb::blocked_range<std::size_t> const& r) {

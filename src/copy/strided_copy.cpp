@@ -58,14 +58,33 @@ void gather_planes(T* dst, T const* src, std::size_t const* offsets, std::size_t
       tbb::auto_partitioner());
 }
 
+// Asks for the lines of the next run while this one is copied: each run
+// starts cold, on a page of its own, where the hardware prefetchers start over.
+template <class T>
+inline void prefetch_run(T const* run, std::size_t n) {
+  auto const at = reinterpret_cast<std::uintptr_t>(run);
+  for (std::size_t b = 0; b < n * sizeof(T); b += 64) {
+    __builtin_prefetch(reinterpret_cast<void const*>(at + b));
+  }
+}
+
 // Trailing dimensions innermost: every selected element is a contiguous run.
 template <class T>
 void copy_runs(T* dst, T const* src, std::size_t const* offsets, std::size_t numSelected,
                std::size_t planes) {
+  // A gather too large for the caches writes runs of at most one copy chunk
+  // with non-temporal stores (longer runs stream inside the simple copy).
+  bool const stream =
+      numSelected * planes >= detail::kStreamBytes / sizeof(T) && planes <= simple_copy_grain<T>;
   tbb::parallel_for(
       std::size_t{0}, numSelected, std::size_t{1},
       [=](std::size_t k) {
-        execute_simple_copy<T>(dst + planes * k, src + planes * offsets[k], planes);
+        if (stream) {
+          if (k + 1 < numSelected) prefetch_run(src + planes * offsets[k + 1], planes);
+          detail::stream_copy_run(dst + planes * k, src + planes * offsets[k], planes);
+        } else {
+          execute_simple_copy<T>(dst + planes * k, src + planes * offsets[k], planes);
+        }
       },
       tbb::auto_partitioner());
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <type_traits>
 #include <vector>
 
 #include "support/cancelled_group.hpp"
@@ -39,19 +40,25 @@ void check_each() {
   (check<Ts, Fill>(), ...);
 }
 
-// Fills large enough for non-temporal stores, starting one element past a
-// 16-byte boundary and ending mid-word: head, words and tail all get the value
-// and the neighbours keep theirs.
+// Copies and fills large enough for non-temporal stores, the destination one
+// element past a 16-byte boundary and the source three, ending mid-word: head,
+// words and tail all arrive and the neighbours keep their values.
 template <class... Ts>
-void check_streamed_fills() {
+void check_streamed() {
   auto one = [](auto zero) {
     using T = decltype(zero);
-    std::size_t const n = nerva::detail::kStreamFillBytes / sizeof(T) + 3;
-    std::vector<T> buf(n + 2, T(99));
+    std::size_t const n = nerva::detail::kStreamBytes / sizeof(T) + 3;
+    std::vector<T> src(n + 3), buf(n + 2, T(99));
+    for (std::size_t i = 0; i < src.size(); ++i) src[i] = static_cast<T>(i % 251 + 1);
     nerva::execute_simple_fill<T>(buf.data() + 1, n, T(7));
     std::size_t wrong = 0;
     for (std::size_t i = 1; i <= n; ++i) wrong += buf[i] != T(7);
     EXPECT_EQ(wrong, 0u) << sizeof(T);
+    if constexpr (!std::is_same_v<T, long>) {  // no copy of longs
+      nerva::execute_simple_copy<T>(buf.data() + 1, src.data() + 3, n);
+      for (std::size_t i = 1; i <= n; ++i) wrong += buf[i] != src[i + 2];
+      EXPECT_EQ(wrong, 0u) << sizeof(T);
+    }
     EXPECT_EQ(buf[0], T(99));
     EXPECT_EQ(buf[n + 1], T(99));
   };
@@ -63,7 +70,7 @@ TEST(SimpleCopyAndFill, GrainBoundaries) {
   check_each<true, unsigned char, float, double, long>();
   nerva::execute_simple_copy<float>(nullptr, nullptr, 0);  // zero elements touch nothing
   nerva::execute_simple_fill<long>(nullptr, 0, 1);
-  check_streamed_fills<unsigned char, float, double, long>();
+  check_streamed<unsigned char, float, double, long>();
 }
 
 }  // namespace

@@ -11,7 +11,7 @@
 
 // The gathered elements and the table's words are compared with the naive walk by the
 // strided-copy fuzz target, which runs as a test too; these tests cover an empty range with
-// increment 0 and failures.
+// increment 0, failures, and gathers too large for the fuzzer's arrays.
 namespace {
 
 using Block = std::unique_ptr<nerva::CNNMemoryBlock>;
@@ -55,6 +55,25 @@ TEST(StridedCopy, FailedAllocationsLeakNothing) {
     }
     EXPECT_EQ(counting::live_blocks(), 1u);
   }
+}
+
+// A gather of runs into more than 16 MiB takes the streaming path: every run of 265 elements
+// (1060 bytes, so runs start at every offset within a 16-byte word) matches the naive loop.
+TEST(StridedCopy, LargeGatherOfRuns) {
+  std::size_t const planes = 5 * 53;
+  Selection const s{{256, 256, 5, 53}, {0, 1}, {256, 256}, {2, 2}};
+  std::vector<float> src(256 * 256 * planes);
+  for (std::size_t i = 0; i < src.size(); ++i) src[i] = static_cast<float>(i % 1000003);
+  nerva::SharedMemoryPool pool(counting::functions(), &counting::throwing_error);
+  auto const out = nerva::strided_copy<float>(pool, src.data(), s.sizes.data(), s.firsts.data(),
+                                              s.lasts.data(), s.increments.data(), 2, 0, nullptr);
+  auto const* dst = static_cast<float const*>(out->data);
+  std::size_t wrong = 0;
+  for (std::size_t k = 0; k < 128 * 128; ++k) {
+    std::size_t const pos = 2 * (k % 128) + 256 * (1 + 2 * (k / 128));
+    for (std::size_t p = 0; p < planes; ++p) wrong += dst[k * planes + p] != src[pos * planes + p];
+  }
+  EXPECT_EQ(wrong, 0u);
 }
 
 }  // namespace
