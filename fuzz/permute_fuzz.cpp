@@ -35,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   std::vector<std::uint8_t> got(total * width, 0xCD);
   using qel_permute::detail::Isa;
   // The public routine, the kernels of instruction set path - 1 (if this CPU runs it), the split.
-  std::size_t const path = in.in(0, 5);
+  std::size_t const path = in.in(0, 6);
   if (path == 0) {
     decltype(&qel_permute::Permute<1>) const routines[] = {
         &qel_permute::Permute<1>, &qel_permute::Permute<4>, &qel_permute::Permute<8>};
@@ -43,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   } else {
     // Streaming stores from the first byte on, or never.
     std::size_t const streamBytes = in.byte() % 2 == 0 ? 0 : SIZE_MAX;
-    if (path == 5) {
+    if (path == 6) {
       qel_permute::detail::permute_parallel(qel_permute::detail::best_isa(), width, src.data(),
                                             got.data(), n, sizes.data(), perm.data(), streamBytes,
                                             0, 1024);

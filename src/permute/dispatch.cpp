@@ -5,7 +5,9 @@ namespace {
 
 Isa detect_isa() {
   __builtin_cpu_init();
-  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw")) return Isa::Avx512;
+  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw")) {
+    return __builtin_cpu_supports("avx512vbmi") ? Isa::Avx512Vbmi : Isa::Avx512;
+  }
   if (__builtin_cpu_supports("avx2")) return Isa::Avx2;
   return Isa::Sse2;
 }
@@ -30,6 +32,8 @@ TransposeFn transpose_for(Isa isa, std::size_t width) {
       return transpose_avx2(width);
     case Isa::Avx512:
       return transpose_avx512(width);
+    case Isa::Avx512Vbmi:
+      return transpose_avx512vbmi(width);
   }
   return nullptr;
 }

@@ -5,7 +5,7 @@
 namespace qel_permute::detail {
 
 // Instruction sets with their own micro-kernels, in increasing order.
-enum class Isa { Scalar, Sse2, Avx2, Avx512 };
+enum class Isa { Scalar, Sse2, Avx2, Avx512, Avx512Vbmi };
 
 // A batch of `count` 2-D transposes, strides in elements:
 //   dst[c * dC + b * dB + a] = src[c * sC + a * sA + b]
@@ -28,5 +28,6 @@ TransposeFn transpose_scalar(std::size_t width);
 TransposeFn transpose_sse2(std::size_t width);
 TransposeFn transpose_avx2(std::size_t width);
 TransposeFn transpose_avx512(std::size_t width);
+TransposeFn transpose_avx512vbmi(std::size_t width);
 
 }  // namespace qel_permute::detail

@@ -19,6 +19,10 @@
 //   static void store(Elem* d, Vec v);   // plain store of one row
 //   static void stream(Elem* d, Vec v);  // non-temporal store, d 64-byte aligned
 //   static void fence();                 // orders the non-temporal stores
+// and may provide
+//   static bool thin(Elem const* src, Elem* dst, size_t A, size_t B, size_t sA, size_t dB);
+//     // a plane narrower than a tile, done by a kernel of its own; false when
+//     // the shape is not one it takes
 
 #include <cstddef>
 #include <cstdint>
@@ -90,6 +94,11 @@ inline void transpose_scalar_plane(Elem const* src, Elem* dst, std::size_t A, st
   }
 }
 
+template <class K, class = void>
+struct HasThin : std::false_type {};
+template <class K>
+struct HasThin<K, std::void_t<decltype(&K::thin)>> : std::true_type {};
+
 template <class K>
 struct Tiles {
   using Elem = typename K::Elem;
@@ -105,6 +114,9 @@ struct Tiles {
   // kernel, or element by element.
   static void narrow(Elem const* src, Elem* dst, std::size_t A, std::size_t B, std::size_t sA,
                      std::size_t dB) {
+    if constexpr (HasThin<K>::value) {
+      if (K::thin(src, dst, A, B, sA, dB)) return;
+    }
     if constexpr (std::is_void_v<typename K::Small>) {
       transpose_scalar_plane(src, dst, A, B, sA, dB);
     } else {

@@ -155,7 +155,7 @@ TEST(Permute, PublicRoutinesAndParallelSplitMatchReference) {
 // with streaming stores forced at a destination offset that cycles through a 64-byte line; rows
 // that are not whole lines take the staged streaming walk.
 TEST(PermuteKernels, EveryInstructionSetMatchesReference) {
-  for (int isa = 0; isa < 4; ++isa) {
+  for (int isa = 0; isa <= static_cast<int>(Isa::Avx512Vbmi); ++isa) {
     if (!qel_permute::detail::isa_supported(static_cast<Isa>(isa))) continue;
     for (std::size_t w : {1, 4, 8}) {
       std::mt19937_64 rng(99 + 8 * isa + w);
