@@ -40,7 +40,8 @@ struct Avx512Base {
 
 // 64 x 64 bytes. Each group of 16 rows is four 16 x 16 byte tiles side by
 // side in the lanes (four rounds of in-lane byte interleaves); a lane
-// transpose across the four groups then assembles whole destination rows.
+// transpose across the four groups then assembles whole destination rows,
+// which go out as they are made: the tile is twice the register file.
 struct Avx512U8 : Avx512Base<std::uint8_t> {
   using Small = Avx2U8;
   static constexpr std::size_t kTile = 64;
@@ -59,13 +60,17 @@ struct Avx512U8 : Avx512Base<std::uint8_t> {
     }
   }
   static void transpose(Elem const* s, std::size_t sA, Vec* rows) {
+    transpose_to(s, sA, [rows](std::size_t j, Vec v) { rows[j] = v; });
+  }
+  template <class Put>
+  static void transpose_to(Elem const* s, std::size_t sA, Put&& put) {
     Vec g[4][16];
     for (int k = 0; k < 4; ++k) group(s + 16 * k * sA, sA, g[k]);
     for (int j = 0; j < 16; ++j) {
       Vec const x[4] = {g[0][j], g[1][j], g[2][j], g[3][j]};
       Vec out[4];
       transpose_lanes(x, out);
-      for (int l = 0; l < 4; ++l) rows[16 * l + j] = out[l];
+      for (int l = 0; l < 4; ++l) put(16 * l + j, out[l]);
     }
   }
 };

@@ -20,6 +20,10 @@
 //   static void stream(Elem* d, Vec v);  // non-temporal store, d 64-byte aligned
 //   static void fence();                 // orders the non-temporal stores
 // and may provide
+//   template <class Put> static void transpose_to(Elem const* s, size_t sA, Put&& put);
+//     // the same, calling put(j, row) for each row j as soon as it is made:
+//     // for tiles larger than the register file, which would otherwise go
+//     // through an array on the stack
 //   static bool thin(Elem const* src, Elem* dst, size_t A, size_t B, size_t sA, size_t dB);
 //     // a plane narrower than a tile, done by a kernel of its own; false when
 //     // the shape is not one it takes
@@ -28,6 +32,7 @@
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
 #include "permute/kernels.hpp"
 
@@ -99,6 +104,14 @@ struct HasThin : std::false_type {};
 template <class K>
 struct HasThin<K, std::void_t<decltype(&K::thin)>> : std::true_type {};
 
+template <class K, class = void>
+struct HasTransposeTo : std::false_type {};
+template <class K>
+struct HasTransposeTo<K, std::void_t<decltype(K::transpose_to(
+                             std::declval<typename K::Elem const*>(), std::size_t{},
+                             std::declval<void (*)(std::size_t, typename K::Vec)>()))>>
+    : std::true_type {};
+
 template <class K>
 struct Tiles {
   using Elem = typename K::Elem;
@@ -126,9 +139,15 @@ struct Tiles {
 
   // One micro-tile; only destination rows [first, T) are stored.
   static void one(Elem const* s, std::size_t sA, Elem* d, std::size_t dB, std::size_t first) {
-    Vec rows[T];
-    K::transpose(s, sA, rows);
-    for (std::size_t j = first; j < T; ++j) K::store(d + j * dB, rows[j]);
+    if constexpr (HasTransposeTo<K>::value) {
+      K::transpose_to(s, sA, [d, dB, first](std::size_t j, Vec v) {
+        if (j >= first) K::store(d + j * dB, v);
+      });
+    } else {
+      Vec rows[T];
+      K::transpose(s, sA, rows);
+      for (std::size_t j = first; j < T; ++j) K::store(d + j * dB, rows[j]);
+    }
   }
 
   // Asks for the next line of `rows` source rows, which the tiles after
@@ -147,6 +166,11 @@ struct Tiles {
   // back to back, so non-temporal stores fill complete lines.
   template <bool Stream>
   static void line(Elem const* s, std::size_t sA, Elem* d, std::size_t dB) {
+    if constexpr (HasTransposeTo<K>::value && L == 1) {
+      prefetch_next(s, sA, T);
+      K::transpose_to(s, sA, [d, dB](std::size_t j, Vec v) { put<Stream>(d + j * dB, v); });
+      return;
+    }
     Vec rows[L][T];
     prefetch_next(s, sA, L * T);
     for (std::size_t l = 0; l < L; ++l) K::transpose(s + l * T * sA, sA, rows[l]);
@@ -158,6 +182,12 @@ struct Tiles {
   // The same, storing only rows [first, T).
   template <bool Stream>
   static void line_tail(Elem const* s, std::size_t sA, Elem* d, std::size_t dB, std::size_t first) {
+    if constexpr (HasTransposeTo<K>::value && L == 1) {
+      K::transpose_to(s, sA, [d, dB, first](std::size_t j, Vec v) {
+        if (j >= first) put<Stream>(d + j * dB, v);
+      });
+      return;
+    }
     Vec rows[L][T];
     for (std::size_t l = 0; l < L; ++l) K::transpose(s + l * T * sA, sA, rows[l]);
     for (std::size_t j = first; j < T; ++j) {
