@@ -49,8 +49,11 @@ struct Avx512U8 : Avx512Base<std::uint8_t> {
   static constexpr std::size_t kBlockB = 64;
   static constexpr std::size_t kChunkA = 4 * kBlockA;
   static void group(Elem const* s, std::size_t sA, Vec* r) {
-    Vec t[16];
     for (int i = 0; i < 16; ++i) r[i] = load512(s + i * sA);
+    interleave_rounds(r);
+  }
+  static void interleave_rounds(Vec* r) {
+    Vec t[16];
     for (int round = 0; round < 4; ++round) {
       for (int i = 0; i < 8; ++i) {
         t[2 * i] = _mm512_unpacklo_epi8(r[i], r[i + 8]);
@@ -62,8 +65,28 @@ struct Avx512U8 : Avx512Base<std::uint8_t> {
   static void transpose(Elem const* s, std::size_t sA, Vec* rows) {
     transpose_to(s, sA, [rows](std::size_t j, Vec v) { rows[j] = v; });
   }
+  // Register j holds in lane l the 16 bytes of row 16 * l + j: the rounds of
+  // interleaves alone then leave whole destination rows, 16 at a time.
+  template <class Put>
+  static void bands(Elem const* s, std::size_t sA, Put&& put) {
+    for (int c = 0; c < 4; ++c) {
+      Vec r[16];
+      for (int i = 0; i < 16; ++i) {
+        Elem const* p = s + i * sA + 16 * c;
+        __m512i v = _mm512_castsi128_si512(_mm_loadu_si128(reinterpret_cast<__m128i const*>(p)));
+        for (int l = 1; l < 4; ++l) {
+          __m128i const q = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p + 16 * l * sA));
+          v = _mm512_inserti32x4(v, q, l);
+        }
+        r[i] = v;
+      }
+      interleave_rounds(r);
+      for (int i = 0; i < 16; ++i) put(16 * c + i, r[i]);
+    }
+  }
   template <class Put>
   static void transpose_to(Elem const* s, std::size_t sA, Put&& put) {
+    if ((reinterpret_cast<std::uintptr_t>(s) | sA) % 64 != 0) return bands(s, sA, put);
     Vec g[4][16];
     for (int k = 0; k < 4; ++k) group(s + 16 * k * sA, sA, g[k]);
     for (int j = 0; j < 16; ++j) {
@@ -83,7 +106,32 @@ struct Avx512U32 : Avx512Base<std::uint32_t> {
   static constexpr std::size_t kBlockA = 32;
   static constexpr std::size_t kBlockB = 32;
   static constexpr std::size_t kChunkA = 4 * kBlockA;
+  // Rows that do not start on a 64-byte boundary: register j of band c holds
+  // in lane l four elements of row 4 * l + j, so one in-lane 4 x 4 transpose
+  // leaves whole destination rows and the 16-byte loads seldom cross a line.
+  static void bands(Elem const* s, std::size_t sA, Vec* rows) {
+    for (int c = 0; c < 4; ++c) {
+      __m512 r[4];
+      for (int j = 0; j < 4; ++j) {
+        Elem const* p = s + j * sA + 4 * c;
+        __m512 v = _mm512_castps128_ps512(_mm_loadu_ps(reinterpret_cast<float const*>(p)));
+        for (int l = 1; l < 4; ++l) {
+          v = _mm512_insertf32x4(v, _mm_loadu_ps(reinterpret_cast<float const*>(p + 4 * l * sA)),
+                                 l);
+        }
+        r[j] = v;
+      }
+      __m512 const t0 = _mm512_unpacklo_ps(r[0], r[1]), t1 = _mm512_unpackhi_ps(r[0], r[1]);
+      __m512 const t2 = _mm512_unpacklo_ps(r[2], r[3]), t3 = _mm512_unpackhi_ps(r[2], r[3]);
+      rows[4 * c] = _mm512_castps_si512(_mm512_shuffle_ps(t0, t2, 0x44));
+      rows[4 * c + 1] = _mm512_castps_si512(_mm512_shuffle_ps(t0, t2, 0xEE));
+      rows[4 * c + 2] = _mm512_castps_si512(_mm512_shuffle_ps(t1, t3, 0x44));
+      rows[4 * c + 3] = _mm512_castps_si512(_mm512_shuffle_ps(t1, t3, 0xEE));
+    }
+  }
   static void transpose(Elem const* s, std::size_t sA, Vec* rows) {
+    if ((reinterpret_cast<std::uintptr_t>(s) | sA * sizeof(Elem)) % 64 != 0)
+      return bands(s, sA, rows);
     __m512 r[16], t[16];
     Vec u[16];
     for (int i = 0; i < 16; ++i) r[i] = _mm512_castsi512_ps(load512(s + i * sA));
