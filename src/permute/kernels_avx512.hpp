@@ -28,6 +28,18 @@ inline void transpose_lanes(__m512i const* x, __m512i* out) {
   out[3] = _mm512_shuffle_i64x2(q, s, 0xDD);
 }
 
+// Lane l holds the 16 bytes at p + l * stride.
+inline __m512i load_lanes(void const* p, std::size_t stride) {
+  auto const at = [p, stride](std::size_t l) {
+    return _mm_loadu_si128(
+        reinterpret_cast<__m128i const*>(static_cast<char const*>(p) + l * stride));
+  };
+  __m512i v = _mm512_castsi128_si512(at(0));
+  v = _mm512_inserti32x4(v, at(1), 1);
+  v = _mm512_inserti32x4(v, at(2), 2);
+  return _mm512_inserti32x4(v, at(3), 3);
+}
+
 template <class E>
 struct Avx512Base {
   using Elem = E;
@@ -71,15 +83,7 @@ struct Avx512U8 : Avx512Base<std::uint8_t> {
   static void bands(Elem const* s, std::size_t sA, Put&& put) {
     for (int c = 0; c < 4; ++c) {
       Vec r[16];
-      for (int i = 0; i < 16; ++i) {
-        Elem const* p = s + i * sA + 16 * c;
-        __m512i v = _mm512_castsi128_si512(_mm_loadu_si128(reinterpret_cast<__m128i const*>(p)));
-        for (int l = 1; l < 4; ++l) {
-          __m128i const q = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p + 16 * l * sA));
-          v = _mm512_inserti32x4(v, q, l);
-        }
-        r[i] = v;
-      }
+      for (int i = 0; i < 16; ++i) r[i] = load_lanes(s + i * sA + 16 * c, 16 * sA);
       interleave_rounds(r);
       for (int i = 0; i < 16; ++i) put(16 * c + i, r[i]);
     }
@@ -113,13 +117,7 @@ struct Avx512U32 : Avx512Base<std::uint32_t> {
     for (int c = 0; c < 4; ++c) {
       __m512 r[4];
       for (int j = 0; j < 4; ++j) {
-        Elem const* p = s + j * sA + 4 * c;
-        __m512 v = _mm512_castps128_ps512(_mm_loadu_ps(reinterpret_cast<float const*>(p)));
-        for (int l = 1; l < 4; ++l) {
-          v = _mm512_insertf32x4(v, _mm_loadu_ps(reinterpret_cast<float const*>(p + 4 * l * sA)),
-                                 l);
-        }
-        r[j] = v;
+        r[j] = _mm512_castsi512_ps(load_lanes(s + j * sA + 4 * c, 4 * sA * sizeof(Elem)));
       }
       __m512 const t0 = _mm512_unpacklo_ps(r[0], r[1]), t1 = _mm512_unpackhi_ps(r[0], r[1]);
       __m512 const t2 = _mm512_unpacklo_ps(r[2], r[3]), t3 = _mm512_unpackhi_ps(r[2], r[3]);
