@@ -112,8 +112,11 @@ void split3(std::uint8_t const* src, std::uint8_t* dst, std::size_t A, std::size
   }
 }
 
-struct Avx512VbmiU8 : Avx512U8 {
-  // Three packed planes, either way; false leaves the plane to the generic loops.
+// A byte kernel of AVX-512 that also takes three packed planes, either way.
+template <class Base>
+struct WithTriples : Base {
+  using Elem = typename Base::Elem;
+  // False leaves the plane to the generic loops.
   static bool thin(Elem const* src, Elem* dst, std::size_t A, std::size_t B, std::size_t sA,
                    std::size_t dB) {
     if (A == 3 && dB == 3) {
@@ -131,7 +134,8 @@ struct Avx512VbmiU8 : Avx512U8 {
 }  // namespace
 
 TransposeFn transpose_avx512vbmi(std::size_t width) {
-  return width == 1 ? &transpose_planes<Avx512VbmiU8> : transpose_avx512(width);
+  if (width != 1) return transpose_avx512(width);
+  return &transpose_by_rows<WithTriples<Avx512U8>, WithTriples<Avx512U8Unaligned>>;
 }
 
 }  // namespace qel_permute::detail
