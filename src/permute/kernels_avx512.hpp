@@ -6,10 +6,9 @@
 // transposes are always inlined into the loops: a call makes the rows go
 // through memory, and GCC stops inlining them once the unit grows (measured:
 // 0.8x on 4-byte elements).
-#include <immintrin.h>
-
 #include <cstdint>
 
+#include "permute/avx512_intrinsics.hpp"
 #include "permute/kernels_avx2.hpp"
 #include "permute/transpose_loops.hpp"
 

@@ -4,14 +4,6 @@
 // which interleaves three byte planes into packed triples, and splits them
 // again, with two permutes per 64 bytes. The generic loop for such planes (an
 // RGB image into or out of planes, say) runs at about half of memcpy's speed.
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wuninitialized"
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#include <immintrin.h>
-#pragma GCC diagnostic pop
-#endif
-
 #include <array>
 
 #include "permute/kernels_avx512.hpp"
@@ -19,22 +11,28 @@
 namespace qel_permute::detail {
 namespace {
 
-// Byte k of packed register o (o < 3) is byte 64 * o + k of the triples:
-// component e % 3 of element e / 3.
-struct TripleIndex {
-  std::array<std::uint8_t, 64> pair[3];  // into (plane 0, plane 1) for components 0 and 1
-  std::array<std::uint8_t, 64> last[3];  // into plane 2 for component 2
-  std::uint64_t lastMask[3];             // the bytes that take component 2
+// Three result registers, each from 128 bytes of two sources through one
+// two-register permute (`pair`), then from a third source through a masked
+// one-register permute (`last`, on the bytes of `lastMask`).
+struct ThreeSourceIndex {
+  std::array<std::uint8_t, 64> pair[3];
+  std::array<std::uint8_t, 64> last[3];
+  std::uint64_t lastMask[3];
+  constexpr void set(int r, int k, bool fromLast, int at) {
+    pair[r][k] = static_cast<std::uint8_t>(fromLast ? 0 : at);
+    last[r][k] = static_cast<std::uint8_t>(fromLast ? at : 0);
+    if (fromLast) lastMask[r] |= std::uint64_t{1} << k;
+  }
 };
 
-constexpr TripleIndex make_triple_index() {
-  TripleIndex t{};
+// Byte k of packed register o is byte 64 * o + k of the triples: component
+// e % 3 of element e / 3, taken from plane (component) e % 3.
+constexpr ThreeSourceIndex make_triple_index() {
+  ThreeSourceIndex t{};
   for (int o = 0; o < 3; ++o) {
     for (int k = 0; k < 64; ++k) {
       int const e = 64 * o + k, component = e % 3, element = e / 3;
-      t.pair[o][k] = static_cast<std::uint8_t>(element + 64 * (component == 1));
-      t.last[o][k] = static_cast<std::uint8_t>(element);
-      if (component == 2) t.lastMask[o] |= std::uint64_t{1} << k;
+      t.set(o, k, component == 2, element + 64 * (component == 1));
     }
   }
   return t;
@@ -42,27 +40,19 @@ constexpr TripleIndex make_triple_index() {
 
 // Byte k of plane c is byte 3 * k + c of the 192 packed bytes: from the first
 // two registers when below 128, else from the third.
-struct PlaneIndex {
-  std::array<std::uint8_t, 64> pair[3];
-  std::array<std::uint8_t, 64> last[3];
-  std::uint64_t lastMask[3];
-};
-
-constexpr PlaneIndex make_plane_index() {
-  PlaneIndex t{};
+constexpr ThreeSourceIndex make_plane_index() {
+  ThreeSourceIndex t{};
   for (int c = 0; c < 3; ++c) {
     for (int k = 0; k < 64; ++k) {
       int const at = 3 * k + c;
-      t.pair[c][k] = static_cast<std::uint8_t>(at < 128 ? at : 0);
-      t.last[c][k] = static_cast<std::uint8_t>(at < 128 ? 0 : at - 128);
-      if (at >= 128) t.lastMask[c] |= std::uint64_t{1} << k;
+      t.set(c, k, at >= 128, at < 128 ? at : at - 128);
     }
   }
   return t;
 }
 
-constexpr TripleIndex kTriples = make_triple_index();
-constexpr PlaneIndex kPlanes = make_plane_index();
+constexpr ThreeSourceIndex kTriples = make_triple_index();
+constexpr ThreeSourceIndex kPlanes = make_plane_index();
 
 inline __m512i index(std::array<std::uint8_t, 64> const& a) { return _mm512_loadu_si512(a.data()); }
 
