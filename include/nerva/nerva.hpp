@@ -2,7 +2,9 @@
 /// Everything nerva exports: includes every public header of the library.
 #pragma once
 
+#include "nerva/batch_gemm.hpp"
 #include "nerva/convolution.hpp"
+#include "nerva/convolve.hpp"
 #include "nerva/copy.hpp"
 #include "nerva/formatted_array.hpp"
 #include "nerva/gemm.hpp"
