@@ -46,8 +46,8 @@ class NERVA_API ConvolutionWeights {
   /// them; a small block for the extents, from the pool's functions directly.
   /// \failure A failed lease reports through SharedMemoryPool::lease_or_error;
   /// nothing is kept.
-  ConvolutionWeights(SharedMemoryPool& pool, T const* host, size_t out_channels,
-                     size_t in_channels, size_t num_window_dims, size_t const* window_extents);
+  ConvolutionWeights(SharedMemoryPool& pool, T const* host, size_t out_channels, size_t in_channels,
+                     size_t num_window_dims, size_t const* window_extents);
   /// Checks the packed block in to the pool.
   ~ConvolutionWeights();
   ConvolutionWeights(ConvolutionWeights const&) = delete;
@@ -70,7 +70,9 @@ class NERVA_API ConvolutionWeights {
   /// with window dimension 0 fastest): BlockChannels() rows (fewer in the last
   /// block) by InChannels() columns, its leading dimension the rows.
   T const* Packed(size_t b, size_t t) const {
-    return static_cast<T const*>(packed->data) + (b * num_taps + t) * block_channels * in_channels;
+    size_t const k0 = b * block_channels;
+    size_t const rows = out_channels - k0 < block_channels ? out_channels - k0 : block_channels;
+    return static_cast<T const*>(packed->data) + (k0 * num_taps + t * rows) * in_channels;
   }
   /// Unpacks into `host` in the host's order (the inverse of the packing).
   void CopyToHost(T* host) const;
