@@ -6,6 +6,8 @@ layouts.svg     memory order of a 3x2-position, 2-channel, 2-observation array
 bounds_1d.svg   one data dimension of an output array: bounds, stride, padding
 bounds_2d.svg   the buffer of a padded 2-D output: data region, Data(),
                 UnpaddedData() and the data increments
+conv_tile.svg   one row of a forward convolution: the output tiles and the
+                runs of input columns that each tap of a tile multiplies
 
 Offsets are computed the way nerva lays arrays out: the increment of a
 dimension is the product of the sizes at smaller layout positions.
@@ -207,12 +209,73 @@ def bounds_2d(path):
     svg.write(path)
 
 
+def conv_tile(path):
+    size, window, pad = 8, 3, 1
+    outputs = size + 2 * pad - window + 1
+    cell, left, top = 46, 150, 70
+    svg = Svg(left + (size + 2) * cell + 300, 470)
+    svg.text(20, 24, "One row of a forward convolution: window 3, padding 1 before and after, "
+             "stride 1", size=14, anchor="start", weight="bold")
+    # The input row, with the padding that is never stored.
+    svg.text(left - 10, top + 22, "input index", size=12, anchor="end")
+    for q in range(-pad, size + pad):
+        inside = 0 <= q < size
+        x = left + (q + pad) * cell
+        svg.rect(x, top, cell, 34, fill="#ffffff" if inside else "#f3f3f3",
+                 dash=None if inside else "4 3", stroke="#444444" if inside else "#aaaaaa")
+        svg.text(x + cell / 2, top + 22, str(q) if inside else "(0)", size=12,
+                 fill="#222222" if inside else "#888888")
+    # The taps of the interior tile: each a run of input columns, shifted by one.
+    tile = (1, outputs - 1)   # output positions 1 .. 6
+    colours = ["#cfe2f3", "#f9cb9c", "#b6d7a8"]
+    for t in range(window):
+        y = top + 52 + t * 30
+        a, b = tile[0] + t - pad, tile[1] + t - pad
+        svg.rect(left + (a + pad) * cell + 2, y, (b - a) * cell - 4, 22, fill=colours[t])
+        svg.text(left - 10, y + 16, f"tap {t}: B[{t}]", size=12, anchor="end")
+        svg.text(left + (a + pad) * cell + 8, y + 16, f"input {a} .. {b - 1}", size=11,
+                 anchor="start")
+    # The output row and its tiles.
+    otop = top + 190
+    svg.text(left - 10, otop + 22, "output position", size=12, anchor="end")
+    for j in range(outputs):
+        x = left + (j + pad) * cell
+        border = j < tile[0] or j >= tile[1]
+        svg.rect(x, otop, cell, 34, fill="#fff2cc" if border else "#d9d2e9")
+        svg.text(x + cell / 2, otop + 22, str(j), size=12)
+    svg.rect(left + (tile[0] + pad) * cell, otop, (tile[1] - tile[0]) * cell, 34, fill="none",
+             stroke="#1f4e79", sw=2.5)
+    for t in range(window):
+        y = top + 52 + t * 30 + 22
+        svg.line(left + (tile[0] + t + 0.5) * cell, y, left + (tile[0] + pad + 0.5) * cell + t * 8,
+                 otop - 2, arrow=True, stroke="#555555")
+    rx = left + (size + 2 * pad) * cell + 20
+    svg.text(rx, top + 22, "Taps that fall on the padding are", size=12, anchor="start")
+    svg.text(rx, top + 38, "left out of a tile's batch; nothing", size=12, anchor="start")
+    svg.text(rx, top + 54, "reads a zero-filled copy.", size=12, anchor="start")
+    svg.text(20, otop + 70, "Purple, framed: the interior tile (positions 1 to 6). Its register tiles "
+             "of C start at zero and take all three taps, for every block", size=12,
+             anchor="start")
+    svg.text(20, otop + 88, "of input channels, in one batch_reduce_gemm call: "
+             "C = sum over taps and channel blocks of A[tap] B[tap], stored once.",
+             size=12, anchor="start")
+    svg.text(20, otop + 112, "Yellow: border tiles. Position 0 takes taps 1 and 2 only, "
+             "position 7 taps 0 and 1: each is a tile of its own with a shorter batch.",
+             size=12, anchor="start")
+    svg.text(20, otop + 136, "In the chained layout a run of positions is a run of columns "
+             "(observations within positions), so B[t] is the", size=12, anchor="start")
+    svg.text(20, otop + 154, "input itself at the run's first column for tap t, channels by "
+             "columns, leading dimension = the input's channel count.", size=12, anchor="start")
+    svg.write(path)
+
+
 def main():
     out = sys.argv[1] if len(sys.argv) > 1 else "."
     os.makedirs(out, exist_ok=True)
     layouts(os.path.join(out, "layouts.svg"))
     bounds_1d(os.path.join(out, "bounds_1d.svg"))
     bounds_2d(os.path.join(out, "bounds_2d.svg"))
+    conv_tile(os.path.join(out, "conv_tile.svg"))
 
 
 if __name__ == "__main__":
