@@ -1,33 +1,28 @@
-// Two 3x3 convolution layers run the way a runtime's layer step uses nerva:
-// wrap the host's KORVAL input and reformat it to the chained layout, create
-// the outputs from their data bounds, multiply straight into their data
-// regions and give the host its result back in KORVAL. Layer 1 (stride 1,
-// zero padding 1) writes a chained output with a zero border of 1, which
-// layer 2 (stride 2) takes over as its padded input as it is: the host's
-// layout is met only at the two ends of the step. The step is repeated with
-// a counting host allocator to show the pool at work, at one thread and at
-// all cores.
+// Convolution layers run the way a runtime's layer step uses nerva: wrap the
+// host's KORVAL input and reformat it to the chained layout, create the
+// output from its data bounds, let nerva::convolution_forward fill its data
+// region and give the host its result back in KORVAL. The weights are packed
+// once, before the steps.
 //
-//   conv_layer [--batch N] [--channels C] [--size HxW] [--out K] [--steps S]
+// By default two 3x3 layers: layer 1 (stride 1, zero padding 1) writes a
+// chained output with a zero border of 1, which layer 2 (stride 2) takes over
+// as its padded input as it is, so the host's layout is met only at the two
+// ends of the step. The step is repeated with a counting host allocator to
+// show the pool at work, at one thread and at all cores.
+//
+//   conv_layer [--batch N] [--channels C] [--size HxW] [--out K] [--steps T]
 //              [--threads T]
 //
-// How the products are arranged: each layer is one tbb::parallel_for whose
-// tasks make their taps' products with the serial nerva::gemm, so no core
-// waits at a barrier between small products (one tbb_gemm per product meant
-// about 500 parallel calls per layer). Measured on one core (thread CPU time,
-// median of 15, default shapes, a loaded machine): layer 1 with one product
-// per (row, chunk of 14 columns, tap) 37.7 ms; per (row, tap) over whole rows
-// 45.5 ms, past the BLAS's unpacked-kernel size (see chunk_width); an im2col
-// of each chunk into a per-worker buffer and one product with k = 9C 48-53
-// ms; one tbb_gemm per (row, tap) 39.4 ms. Layer 2 with one product per
-// (output position, tap), n = N, straight from the input 10.1 ms; a
-// per-worker gather of the input columns by phase (x mod 2) and products with
-// n = 14 N 11.1 ms; an im2col per row and one product with k = 9C 12.7 ms;
-// the old serial-row gather and tbb_gemm 12.9 ms.
+// With --one, a single layer of any window (height R by width S), stride and
+// zero padding (the same in both dimensions), in float or double; it prints
+// a row "one layer <median ms> ms ..." and exits with 1 when the result
+// differs from the direct convolution.
+//
+//   conv_layer --one [--batch N] [--channels C] [--size HxW] [--out K]
+//              [--window RxS] [--stride S] [--padding P] [--steps T]
+//              [--threads T] [--double]
 
-#include <oneapi/tbb/blocked_range.h>
 #include <oneapi/tbb/global_control.h>
-#include <oneapi/tbb/parallel_for.h>
 #include <oneapi/tbb/task_arena.h>
 
 #include <algorithm>
@@ -74,41 +69,10 @@ double seconds_since(Clock::time_point t0) {
   return std::chrono::duration<double>(Clock::now() - t0).count();
 }
 
-// Times of one layer, in seconds. `gemm` is the time inside gemm summed over
-// the threads and divided by their number: the step's wall time if the
-// products had the cores to themselves.
+// Times of one layer's stages, in seconds.
 struct LayerTimes {
-  double reformat_in = 0, allocate = 0, compute = 0, gemm = 0, reformat_out = 0;
-  double total() const { return reformat_in + allocate + compute + reformat_out; }
-};
-
-// Seconds inside gemm per worker thread, one cache line per arena slot so
-// that the workers do not share one. It times a task's run of products as a
-// whole: a clock read costs up to 70 ns here, a product 64 x 16 x 64 about
-// 1.3 us.
-class GemmClock {
- public:
-  GemmClock() : slots_(static_cast<std::size_t>(tbb::this_task_arena::max_concurrency())) {}
-
-  template <typename F>
-  void time(F&& call) {
-    auto const t0 = Clock::now();
-    call();
-    slots_[static_cast<std::size_t>(tbb::this_task_arena::current_thread_index())].seconds +=
-        seconds_since(t0);
-  }
-  // The sum over the threads since the last call.
-  double take() {
-    double sum = 0;
-    for (Slot& s : slots_) sum += s.seconds, s.seconds = 0;
-    return sum;
-  }
-
- private:
-  struct alignas(64) Slot {
-    double seconds = 0;
-  };
-  std::vector<Slot> slots_;
+  double reformat_in = 0, allocate = 0, convolve = 0, reformat_out = 0;
+  double total() const { return reformat_in + allocate + convolve + reformat_out; }
 };
 
 // Counts the leases of a call that lease only: a shrinking idle list is a
@@ -124,144 +88,60 @@ struct PoolWatch {
   }
 };
 
-struct Shape {
+std::size_t idle_bytes(nerva::SharedMemoryPool const& pool) {
+  std::size_t bytes = 0;
+  for (auto const& b : pool.blocks) bytes += b->allocated_size();
+  return bytes;
+}
+
+struct Options {
   std::size_t n = 16, c = 64, h = 56, w = 56, k = 64;
+  std::size_t r = 3, s = 3, stride = 1, padding = 1;  // the layer of --one
+  int steps = 10, threads = 0;                        // threads 0: one and all cores
+  bool one = false, wide = false;
 };
 
-// --- the layers --------------------------------------------------------------
-
-long L(std::size_t v) { return static_cast<long>(v); }
-
-// Output positions per product, for a row of `width` positions of `macs`
-// multiply-adds each (m * k * observations). This BLAS multiplies products of
-// up to 1e6 multiply-adds with an unpacked kernel, which for these k = 64
-// shapes runs at 112 GFLOP/s on one core against 92 for its packed path; the
-// row is cut into equal chunks under that size.
-long chunk_width(long width, long macs) {
-  long const most = std::max(1L, 1000000 / macs);
-  long const chunks = (width + most - 1) / most;
-  return (width + chunks - 1) / chunks;
+template <typename T>
+std::vector<T> random_values(std::size_t count, double scale, unsigned seed) {
+  std::vector<T> v(count);
+  for (T& e : v) {
+    seed = seed * 1664525u + 1013904223u;
+    e = static_cast<T>(scale * ((seed >> 8) * (2.0 / 16777216.0) - 1.0));
+  }
+  return v;
 }
 
-// Layer 1: 3x3 window centred on each input position, zero padding 1, stride
-// 1. In the chained layout (c, n, x, y) the columns (n, x) of one input row
-// form a C-row matrix with leading dimension C, and those of one output row a
-// K-row matrix with leading dimension K, so every tap of a chunk is one
-// product accumulating into the output; the border taps only narrow the x
-// range. The centre tap covers the whole chunk and goes first with beta 0, so
-// the output needs no zero fill: each task zeroes the part of the border of 1
-// next to its chunk.
-void layer1_compute(nerva::FormattedInputArray<float> const& in,
-                    nerva::FormattedOutputArray<float>& out, std::vector<float> const& weights,
-                    GemmClock& clock) {
-  long const K = L(out.NumChannels()), C = L(in.NumChannels()), N = L(in.NumObservations());
-  auto const dx = out.ConvolutionDescriptor(0, 3, K * C, in.DataSize(0), in.DataIncrement(0));
-  auto const dy = out.ConvolutionDescriptor(1, 3, 3 * K * C, in.DataSize(1), in.DataIncrement(1));
-  long const fx = L(dx->first), lx = L(dx->last), fy = L(dy->first), ly = L(dy->last);
-  long const ex = L(dx->windowExtent), ey = L(dy->windowExtent), half_x = ex / 2, half_y = ey / 2;
-  long const ox = dx->outputIncrement, oy = dy->outputIncrement;  // a column is ox elements
-  long const width = chunk_width(lx - fx, K * C * N), chunks = (lx - fx + width - 1) / width;
-  float const* const src = in.Data();
-  float* const dst = out.UnpaddedData();
-  long const ldb = L(in.ObservationIncrement()), ldc = L(out.ObservationIncrement());
-  auto zero = [](float* p, long count) { std::memset(p, 0, sizeof(float) * std::size_t(count)); };
-
-  tbb::parallel_for(tbb::blocked_range<long>(0, (ly - fy) * chunks), [&](auto const& r) {
-    char no = 'N';
-    long m = K, k = C, lda = K, ldb_ = ldb, ldc_ = ldc;
-    for (long i = r.begin(); i < r.end(); ++i) {
-      long const y = fy + i / chunks, x0 = fx + i % chunks * width;
-      long const x1 = std::min(lx, x0 + width);
-      float* const row = dst + (y - fy) * oy;
-      long const b0 = x0 == fx ? x0 - 1 : x0, b1 = x1 == lx ? x1 + 1 : x1;
-      if (x0 == fx) zero(row - ox, ox);
-      if (x1 == lx) zero(row + (lx - fx) * ox, ox);
-      if (y == fy) zero(row - oy + (b0 - fx) * ox, (b1 - b0) * ox);
-      if (y == ly - 1) zero(row + oy + (b0 - fx) * ox, (b1 - b0) * ox);
-
-      clock.time([&] {
-        float beta = 0.0f;
-        for (long sy = 0; sy < ey; ++sy) {
-          long const ty = (half_y + sy) % ey, iy = y + ty - half_y;  // centre row first
-          if (iy < 0 || iy >= L(dy->inputExtent)) continue;
-          for (long sx = 0; sx < ex; ++sx) {
-            long const tx = (half_x + sx) % ex;
-            long const a = std::max(x0, half_x - tx);
-            long const b = std::min(x1, L(dx->inputExtent) + half_x - tx);
-            if (a >= b) continue;
-            long n = N * (b - a);
-            float const* A = weights.data() + tx * dx->windowIncrement + ty * dy->windowIncrement;
-            float const* B = src + (a + tx - half_x) * dx->inputIncrement + iy * dy->inputIncrement;
-            float* Cp = row + (a - fx) * ox;
-            nerva::gemm(&no, &no, &m, &n, &k, A, &lda, B, &ldb_, Cp, &ldc_, beta, 1.0f);
-            beta = 1.0f;
-          }
-        }
-      });
-    }
-  });
+double median(std::vector<double> v) {
+  if (v.empty()) return 0.0;
+  std::sort(v.begin(), v.end());
+  std::size_t const m = v.size() / 2;
+  return v.size() % 2 ? v[m] : 0.5 * (v[m - 1] + v[m]);
 }
 
-// Layer 2: stride 2 over the padded input, window centred on the sampled
-// positions. The input columns under one output position are not evenly
-// spaced, but each of them is a plain C x N matrix (leading dimension C), and
-// the output position a K x N one: every (output position, tap) is one
-// product with n = N straight from the input, the first with beta 0, so
-// nothing is gathered and the output needs no fill. (With a batch of only a
-// few observations these products get thin; a gather of the input columns by
-// phase into per-worker buffers, for products of a chunk of columns, would
-// then be the better choice.)
-void layer2_compute(nerva::FormattedInputArray<float> const& in,
-                    nerva::FormattedOutputArray<float>& out, std::vector<float> const& weights,
-                    GemmClock& clock) {
-  long const K = L(out.NumChannels()), C = L(in.NumChannels()), N = L(in.NumObservations());
-  auto const dx =
-      out.StridedConvolutionDescriptor(0, 3, K * C, in.DataSize(0), in.DataIncrement(0));
-  auto const dy =
-      out.StridedConvolutionDescriptor(1, 3, 3 * K * C, in.DataSize(1), in.DataIncrement(1));
-  long const ex = L(dx->windowExtent), ey = L(dy->windowExtent);
-  // Input column and row under the window's first tap at output position 0.
-  long const x_left = L(dx->first) - ex / 2, y_top = L(dy->first) - ey / 2;
-  long const sx = L(dx->stride), sy = L(dy->stride);
-  long const wo = L(out.DataSize(0)), ho = L(out.DataSize(1));
-  long const ox = dx->outputIncrement, oy = dy->outputIncrement;
-  float const* const src = in.Data();
-  float* const dst = out.UnpaddedData();
-  long const ldb = L(in.ObservationIncrement()), ldc = L(out.ObservationIncrement());
-
-  tbb::parallel_for(tbb::blocked_range<long>(0, ho * wo), [&](auto const& r) {
-    char no = 'N';
-    long m = K, n = N, k = C, lda = K, ldb_ = ldb, ldc_ = ldc;
-    for (long i = r.begin(); i < r.end(); ++i) {
-      long const yo = i / wo, xo = i % wo;
-      float const* const window =
-          src + (x_left + xo * sx) * dx->inputIncrement + (y_top + yo * sy) * dy->inputIncrement;
-      float* const Cp = dst + yo * oy + xo * ox;
-      clock.time([&] {
-        float beta = 0.0f;
-        for (long ty = 0; ty < ey; ++ty)
-          for (long tx = 0; tx < ex; ++tx) {
-            float const* A = weights.data() + tx * dx->windowIncrement + ty * dy->windowIncrement;
-            float const* B = window + tx * dx->inputIncrement + ty * dy->inputIncrement;
-            nerva::gemm(&no, &no, &m, &n, &k, A, &lda, B, &ldb_, Cp, &ldc_, beta, 1.0f);
-            beta = 1.0f;
-          }
-      });
-    }
-  });
+reference::Increments increments(nerva::FormattedArray const& f) {
+  return {f.DataIncrement(0), f.DataIncrement(1), static_cast<long>(f.ChannelIncrement()),
+          static_cast<long>(f.ObservationIncrement())};
 }
+
+// Multiply-adds of the direct loop per output row, for choosing what it checks.
+constexpr double kCheckBudget = 2.5e8;
+double macs_per_row(std::size_t row_width, std::size_t k, std::size_t c, std::size_t taps) {
+  return double(row_width) * double(k) * double(c) * double(taps);
+}
+
+// --- the default: a step of two layers ---------------------------------------
 
 struct StepResult {
   LayerTimes l1, l2;
   std::size_t reuses = 0;
 };
 
-// One layer step of both layers on `threads` threads. `check` receives layer
-// 1's chained result and layer 2's KORVAL result before they are handed on.
+// One layer step of both layers. `check` receives layer 1's chained result
+// and layer 2's KORVAL result before they are handed on.
 template <typename Check>
-StepResult run_step(nerva::SharedMemoryPool& pool, Shape const& s, int threads,
-                    std::vector<float> const& input, std::vector<float> const& w1,
-                    std::vector<float> const& w2, GemmClock& clock, Check&& check) {
+StepResult run_step(nerva::SharedMemoryPool& pool, Options const& s,
+                    std::vector<float> const& input, nerva::ConvolutionWeights<float> const& w1,
+                    nerva::ConvolutionWeights<float> const& w2, Check&& check) {
   StepResult r;
   PoolWatch watch{pool};
 
@@ -273,21 +153,22 @@ StepResult run_step(nerva::SharedMemoryPool& pool, Shape const& s, int threads,
   watch([&] { in1.Reformat(nerva::ChainedFormat, nerva::Parallel); });
   r.l1.reformat_in = seconds_since(t0);
 
-  // A chained output (c, n, x, y) with a border of 1 for layer 2 to read;
-  // the products and the border zeroing write every element.
-  size_t const firsts1[] = {0, 0}, lasts1[] = {s.w, s.h}, padding1[] = {1, 1, 1, 1};
+  // A chained output (c, n, x, y): window starts 0 .. W - 1 in the input
+  // padded by 1 (last = W + 2 - 3 + 1), with a border of 1 for layer 2 that
+  // the convolution sets to zero, so the buffer needs no fill.
+  size_t const firsts1[] = {0, 0}, lasts1[] = {s.w, s.h}, border1[] = {1, 1, 1, 1};
   t0 = Clock::now();
   std::unique_ptr<nerva::FormattedOutputArray<float>> out1;
   watch([&] {
     out1 = std::make_unique<nerva::FormattedOutputArray<float>>(
-        pool, firsts1, lasts1, nullptr, 2, s.k, s.n, 0, 1, padding1, nerva::Uninitialized);
+        pool, firsts1, lasts1, nullptr, 2, s.k, s.n, 0, 1, border1, nerva::Uninitialized);
   });
   r.l1.allocate = seconds_since(t0);
 
+  size_t const padding1[] = {1, 1};
   t0 = Clock::now();
-  layer1_compute(in1, *out1, w1, clock);
-  r.l1.compute = seconds_since(t0);
-  r.l1.gemm = clock.take() / threads;
+  nerva::convolution_forward(in1, w1, padding1, *out1, nerva::ZeroBorder);
+  r.l1.convolve = seconds_since(t0);
   check(1, out1->Data(), *out1);
   pool.checkin(in1.Relinquish());  // the chained input is done with
 
@@ -295,10 +176,10 @@ StepResult run_step(nerva::SharedMemoryPool& pool, Shape const& s, int threads,
   // extents included: no element moves between the layers.
   nerva::FormattedInputArray<float> in2(pool, out1->Relinquish(), out1.get());
 
-  // Window centres 1 .. W in the padded input, every second one. The input
-  // still reads the handed-over buffer, so the output leases its own; every
-  // element is written by the products.
-  size_t const firsts2[] = {1, 1}, lasts2[] = {s.w + 1, s.h + 1}, strides2[] = {2, 2};
+  // Stride 2 over the padded extents W + 2 and H + 2, whose border is already
+  // there: padding 0, window starts 0, 2, ... below W + 2 - 3 + 1. The input
+  // still reads the handed-over buffer, so the output leases its own.
+  size_t const firsts2[] = {0, 0}, lasts2[] = {s.w, s.h}, strides2[] = {2, 2};
   t0 = Clock::now();
   std::unique_ptr<nerva::FormattedOutputArray<float>> out2;
   watch([&] {
@@ -307,10 +188,10 @@ StepResult run_step(nerva::SharedMemoryPool& pool, Shape const& s, int threads,
   });
   r.l2.allocate = seconds_since(t0);
 
+  size_t const padding2[] = {0, 0};
   t0 = Clock::now();
-  layer2_compute(in2, *out2, w2, clock);
-  r.l2.compute = seconds_since(t0);
-  r.l2.gemm = clock.take() / threads;
+  nerva::convolution_forward(in2, w2, padding2, *out2);
+  r.l2.convolve = seconds_since(t0);
 
   t0 = Clock::now();
   watch([&] { out2->Reformat(nerva::KORVALFormat, nerva::Parallel); });
@@ -322,68 +203,12 @@ StepResult run_step(nerva::SharedMemoryPool& pool, Shape const& s, int threads,
   return r;
 }
 
-// --- command line, data, report ----------------------------------------------
-
-bool parse(int argc, char** argv, Shape& s, int& steps, int& threads) {
-  for (int i = 1; i < argc; ++i) {
-    std::string const a = argv[i];
-    if (i + 1 >= argc) return false;
-    char const* v = argv[++i];
-    if (a == "--batch")
-      s.n = std::strtoul(v, nullptr, 10);
-    else if (a == "--channels")
-      s.c = std::strtoul(v, nullptr, 10);
-    else if (a == "--out")
-      s.k = std::strtoul(v, nullptr, 10);
-    else if (a == "--steps")
-      steps = std::atoi(v);
-    else if (a == "--threads") {
-      threads = std::atoi(v);
-      if (threads < 1) return false;
-    } else if (a == "--size") {
-      if (std::sscanf(v, "%zux%zu", &s.h, &s.w) != 2) return false;
-    } else
-      return false;
-  }
-  return s.n > 0 && s.c > 0 && s.k > 0 && s.h >= 2 && s.w >= 2 && steps > 0;
-}
-
-std::vector<float> random_values(std::size_t count, float scale, unsigned seed) {
-  std::vector<float> v(count);
-  for (float& e : v) {
-    seed = seed * 1664525u + 1013904223u;
-    e = scale * static_cast<float>((seed >> 8) * (2.0 / 16777216.0) - 1.0);
-  }
-  return v;
-}
-
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v.empty() ? 0.0 : v[v.size() / 2];
-}
-
-reference::Increments increments(nerva::FormattedArray const& f) {
-  return {f.DataIncrement(0), f.DataIncrement(1), L(f.ChannelIncrement()),
-          L(f.ObservationIncrement())};
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-  Shape s;
-  int steps = 10, threads = 0;
-  if (!parse(argc, argv, s, steps, threads)) {
-    std::fprintf(stderr,
-                 "usage: %s [--batch N] [--channels C] [--size HxW] [--out K] [--steps S] "
-                 "[--threads T]\n",
-                 argv[0]);
-    return 2;
-  }
+int run_two_layers(Options const& s) {
   // One thread and then all cores, or the given count alone.
   int const cores = tbb::this_task_arena::max_concurrency();
   std::vector<int> counts;
-  if (threads > 0)
-    counts = {threads};
+  if (s.threads > 0)
+    counts = {s.threads};
   else if (cores > 1)
     counts = {1, cores};
   else
@@ -399,14 +224,17 @@ int main(int argc, char** argv) {
   std::printf("layer 2: %zu x %zu x %zu ch -> %zu x %zu x %zu ch, 3x3, stride 2, padding 1\n", s.h,
               s.w, s.k, ho, wo, s.k);
 
-  std::vector<float> const input = random_values(s.n * s.c * s.h * s.w, 1.0f, 1);
-  std::vector<float> const w1 = random_values(9 * s.c * s.k, 1.0f / std::sqrt(float(3 * s.c)), 2);
-  std::vector<float> const w2 = random_values(9 * s.k * s.k, 1.0f / std::sqrt(float(3 * s.k)), 3);
+  std::vector<float> const input = random_values<float>(s.n * s.c * s.h * s.w, 1.0, 1);
+  std::vector<float> const w1 = random_values<float>(9 * s.k * s.c, 1.0 / std::sqrt(3.0 * s.c), 2);
+  std::vector<float> const w2 = random_values<float>(9 * s.k * s.k, 1.0 / std::sqrt(3.0 * s.k), 3);
 
-  // The error check runs on the first step of every thread count, on the
-  // first and the last observation.
-  std::vector<std::size_t> const batch =
-      s.n > 1 ? std::vector<std::size_t>{0, s.n - 1} : std::vector<std::size_t>{0};
+  // The error check runs on the first step of every thread count: on every
+  // output when that is cheap, else on the first and the last observation.
+  reference::Window const win1{3, 3, 1, 1}, win2{3, 3, 2, 0};
+  reference::Sample const sample1 =
+      reference::sample(s.n, s.h, macs_per_row(s.w, s.k, s.c, 9), kCheckBudget);
+  reference::Sample const sample2 =
+      reference::sample(s.n, ho, macs_per_row(wo, s.k, s.k, 9), kCheckBudget);
   std::vector<float> result1;
   reference::Error err1, err2;
   bool checking = true;
@@ -415,23 +243,30 @@ int main(int argc, char** argv) {
     reference::Shape const so{f.DataSize(0), f.DataSize(1), f.NumChannels(), f.NumObservations()};
     if (layer == 1) {
       result1 = reference::korval_copy(data, so, increments(f));
-      err1.merge(reference::check(input, {s.w, s.h, s.c, s.n}, {w1, s.k, s.c}, data, so,
-                                  increments(f), 1, 0, 1, batch));
+      err1.merge(reference::check(input, {s.w, s.h, s.c, s.n}, w1, win1, data, so, increments(f), 1,
+                                  sample1));
     } else {
-      err2.merge(reference::check(result1, {s.w + 2, s.h + 2, s.k, s.n}, {w2, s.k, s.k}, data, so,
-                                  increments(f), 0, 1, 2, batch));
+      err2.merge(reference::check(result1, {s.w + 2, s.h + 2, s.k, s.n}, w2, win2, data, so,
+                                  increments(f), 0, sample2));
     }
   };
 
   nerva::SharedMemoryPool pool({&host_allocate, &host_deallocate}, &host_error);
-  GemmClock clock;
+  // The weights in the host's order K x C x 3 x 3, packed once for all steps;
+  // the extents are in data-dimension order (width, height).
+  std::size_t const window[] = {3, 3};
+  nerva::ConvolutionWeights<float> const packed1(pool, w1.data(), s.k, s.c, 2, window);
+  nerva::ConvolutionWeights<float> const packed2(pool, w2.data(), s.k, s.k, 2, window);
+  std::printf("weights packed once, held through all steps: 2 blocks of %zu and %zu bytes\n",
+              sizeof(float) * 9 * s.k * s.c, sizeof(float) * 9 * s.k * s.k);
+
   std::vector<std::vector<StepResult>> results(runs);
   std::printf("\n%-5s", "step");
   for (std::size_t c = 0; c < runs; ++c)
     std::printf(
         " %14s",
         (std::to_string(counts[c]) + (counts[c] > 1 ? " threads" : " thread") + ", ms").c_str());
-  std::printf(" %11s %17s %7s %11s %14s\n", "GEMM share", "fresh allocations", "reuses",
+  std::printf(" %11s %17s %7s %11s %14s\n", "conv share", "fresh allocations", "reuses",
               "idle blocks", "idle bytes");
   // All steps at one thread count, then all at the next. Taking turns step
   // by step left the TBB worker idle through every one-thread step, and on a
@@ -443,17 +278,15 @@ int main(int argc, char** argv) {
   std::vector<std::vector<PoolState>> after(runs);
   for (std::size_t c = 0; c < runs; ++c) {
     tbb::global_control limit(tbb::global_control::max_allowed_parallelism, std::size_t(counts[c]));
-    for (int step = 1; step <= steps; ++step) {
+    for (int step = 1; step <= s.steps; ++step) {
       host = HostCounters{};
       checking = step == 1;
-      results[c].push_back(run_step(pool, s, in_use(c), input, w1, w2, clock, check));
-      std::size_t idle_bytes = 0;
-      for (auto const& b : pool.blocks) idle_bytes += b->allocated_size();
+      results[c].push_back(run_step(pool, s, input, packed1, packed2, check));
       after[c].push_back(
-          {host.data_allocations, results[c].back().reuses, pool.blocks.size(), idle_bytes});
+          {host.data_allocations, results[c].back().reuses, pool.blocks.size(), idle_bytes(pool)});
     }
   }
-  for (std::size_t i = 0; i < std::size_t(steps); ++i) {
+  for (std::size_t i = 0; i < std::size_t(s.steps); ++i) {
     std::size_t fresh = 0, reuses = 0;
     std::printf("%-5zu", i + 1);
     for (std::size_t c = 0; c < runs; ++c) {
@@ -464,8 +297,8 @@ int main(int argc, char** argv) {
     }
     StepResult const& last = results.back()[i];
     std::printf(" %10.1f%% %17zu %7zu %11zu %14zu\n",
-                100.0 * (last.l1.gemm + last.l2.gemm) / (last.l1.total() + last.l2.total()), fresh,
-                reuses, after.back()[i].idle_blocks, after.back()[i].idle_bytes);
+                100.0 * (last.l1.convolve + last.l2.convolve) / (last.l1.total() + last.l2.total()),
+                fresh, reuses, after.back()[i].idle_blocks, after.back()[i].idle_bytes);
   }
 
   // Medians over the steps that run on a warm pool (all steps if there is one).
@@ -481,14 +314,12 @@ int main(int argc, char** argv) {
   };
   Row const rows[] = {{"reformat in (KORVAL>chained)", &LayerTimes::reformat_in},
                       {"allocate (lease)", &LayerTimes::allocate},
-                      {"compute", &LayerTimes::compute},
-                      {"  of which inside gemm", &LayerTimes::gemm},
+                      {"convolution_forward", &LayerTimes::convolve},
                       {"reformat out (chained>KORVAL)", &LayerTimes::reformat_out}};
   // The step of one layer: the sum of its stages' medians.
   auto layer_step = [&](std::size_t c, int layer) {
     double sum = 0;
-    for (Row const& row : rows)
-      if (row.field != &LayerTimes::gemm) sum += stage(c, row.field, layer);
+    for (Row const& row : rows) sum += stage(c, row.field, layer);
     return sum;
   };
   auto print = [](std::string const& name, double a, double b, double both, bool percent) {
@@ -498,7 +329,7 @@ int main(int argc, char** argv) {
       std::printf("%-33s %10.2f %10.2f %10.2f\n", name.c_str(), a, b, both);
   };
   std::string const medians = std::string("median of steps ") +
-                              (results[0].size() > 1 ? "2.." : "1..") + std::to_string(steps);
+                              (results[0].size() > 1 ? "2.." : "1..") + std::to_string(s.steps);
   auto threads_name = [&](std::size_t c) {
     return std::to_string(counts[c]) + (counts[c] > 1 ? " threads" : " thread");
   };
@@ -533,24 +364,220 @@ int main(int argc, char** argv) {
   }
   double const total1 = layer_step(c, 1), total2 = layer_step(c, 2);
   print("layer step", 1e3 * total1, 1e3 * total2, 1e3 * (total1 + total2), false);
-  double const c1 = stage(c, &LayerTimes::compute, 1), c2 = stage(c, &LayerTimes::compute, 2);
-  double const g1 = stage(c, &LayerTimes::gemm, 1), g2 = stage(c, &LayerTimes::gemm, 2);
-  print("compute GFLOP/s", flops1 / c1 * 1e-9, flops2 / c2 * 1e-9,
+  double const c1 = stage(c, &LayerTimes::convolve, 1), c2 = stage(c, &LayerTimes::convolve, 2);
+  print("convolution GFLOP/s", flops1 / c1 * 1e-9, flops2 / c2 * 1e-9,
         (flops1 + flops2) / (c1 + c2) * 1e-9, false);
-  print("share outside the GEMM", 100.0 * (1 - g1 / total1), 100.0 * (1 - g2 / total2),
-        100.0 * (1 - (g1 + g2) / (total1 + total2)), true);
+  print("share outside the convolution", 100.0 * (1 - c1 / total1), 100.0 * (1 - c2 / total2),
+        100.0 * (1 - (c1 + c2) / (total1 + total2)), true);
 
   double const tolerance = 1e-5;
-  double const rel1 = err1.abs / std::max(err1.scale, 1e-30);
-  double const rel2 = err2.abs / std::max(err2.scale, 1e-30);
-  std::printf(
-      "\nlargest error against a direct convolution (step 1 at every thread count, "
-      "observations");
-  for (std::size_t n : batch) std::printf(" %zu", n);
-  std::printf(", all channels and positions):\n");
-  std::printf("  layer 1: %.3g (%.3g of the largest value %.3g)\n", err1.abs, rel1, err1.scale);
-  std::printf("  layer 2: %.3g (%.3g of the largest value %.3g)\n", err2.abs, rel2, err2.scale);
-  bool const ok = rel1 <= tolerance && rel2 <= tolerance;
+  std::printf("\nlargest error against a direct convolution (step 1 at every thread count, %s):\n",
+              sample1.all ? "every output" : "observations 0 and N - 1");
+  std::printf("  layer 1: %.3g (%.3g of the largest value %.3g)\n", err1.abs,
+              err1.abs / std::max(err1.scale, 1e-30), err1.scale);
+  std::printf("  layer 2: %.3g (%.3g of the largest value %.3g)\n", err2.abs,
+              err2.abs / std::max(err2.scale, 1e-30), err2.scale);
+  bool const ok = err1.within(tolerance) && err2.within(tolerance);
   std::printf("  %s (tolerance %.0e of the largest value)\n", ok ? "OK" : "FAILED", tolerance);
   return ok ? 0 : 1;
+}
+
+// --- --one: a single layer of any shape ----------------------------------------
+
+// The exclusive end of the window starts along an input extent x with padding
+// p on both sides: x + 2p - extent + 1, or 0 (no output) when the window does
+// not fit.
+std::size_t window_last(std::size_t x, std::size_t p, std::size_t extent) {
+  return x + 2 * p < extent ? 0 : x + 2 * p - extent + 1;
+}
+
+template <typename T>
+int run_one_layer(Options const& o) {
+  reference::Window const win{o.r, o.s, o.stride, o.padding};
+  std::size_t const ho = win.outputs(o.h, o.r), wo = win.outputs(o.w, o.s);
+  int const threads = o.threads > 0 ? o.threads : tbb::this_task_arena::max_concurrency();
+  std::printf(
+      "layer: batch %zu, %zu x %zu x %zu ch -> %zu x %zu x %zu ch, window %zux%zu, stride %zu, "
+      "padding %zu, %s, %d thread%s\n",
+      o.n, o.h, o.w, o.c, ho, wo, o.k, o.r, o.s, o.stride, o.padding,
+      sizeof(T) == 4 ? "float" : "double", threads, threads > 1 ? "s" : "");
+  if (ho == 0 || wo == 0)
+    std::printf("the window is larger than the padded input: the output is empty\n");
+
+  std::vector<T> const input = random_values<T>(o.n * o.c * o.h * o.w, 1.0, 1);
+  std::vector<T> const weights =
+      random_values<T>(o.k * o.c * o.r * o.s, 1.0 / std::sqrt(double(o.c * o.r * o.s)), 2);
+  reference::Sample const sample =
+      reference::sample(o.n, ho, macs_per_row(wo, o.k, o.c, o.r * o.s), kCheckBudget);
+  reference::Error err;
+
+  tbb::global_control limit(tbb::global_control::max_allowed_parallelism, std::size_t(threads));
+  nerva::SharedMemoryPool pool({&host_allocate, &host_deallocate}, &host_error);
+  std::size_t const window[] = {o.s, o.r};  // data-dimension order: width, height
+  nerva::ConvolutionWeights<T> const packed(pool, weights.data(), o.k, o.c, 2, window);
+
+  size_t const in_sizes[] = {o.w, o.h, o.c, o.n};
+  size_t const firsts[] = {0, 0};
+  size_t const lasts[] = {window_last(o.w, o.padding, o.s), window_last(o.h, o.padding, o.r)};
+  size_t const strides[] = {o.stride, o.stride}, padding[] = {o.padding, o.padding};
+  std::vector<LayerTimes> times;
+  std::vector<double> totals;
+  std::size_t fresh_first = 0, reuses_first = 0, fresh_later = 0, reuses_later = 0;
+  for (int step = 1; step <= o.steps; ++step) {
+    host = HostCounters{};
+    PoolWatch watch{pool};
+    LayerTimes t;
+    auto const start = Clock::now();
+    nerva::FormattedInputArray<T> in(pool, input.data(), in_sizes, 4, 2, 2, 3, nullptr);
+    auto t0 = Clock::now();
+    watch([&] { in.Reformat(nerva::ChainedFormat, nerva::Parallel); });
+    t.reformat_in = seconds_since(t0);
+
+    t0 = Clock::now();
+    std::unique_ptr<nerva::FormattedOutputArray<T>> out;
+    watch([&] {
+      out = std::make_unique<nerva::FormattedOutputArray<T>>(
+          pool, firsts, lasts, strides, 2, o.k, o.n, 0, 1, nullptr, nerva::Uninitialized);
+    });
+    t.allocate = seconds_since(t0);
+
+    t0 = Clock::now();
+    nerva::convolution_forward(in, packed, padding, *out);
+    t.convolve = seconds_since(t0);
+
+    t0 = Clock::now();
+    watch([&] { out->Reformat(nerva::KORVALFormat, nerva::Parallel); });
+    auto result = out->Relinquish();
+    t.reformat_out = seconds_since(t0);
+    totals.push_back(seconds_since(start));
+    times.push_back(t);
+
+    if (step == 1) {
+      reference::Shape const so{out->DataSize(0), out->DataSize(1), o.k, o.n};
+      T const* const data = result ? static_cast<T const*>(result->data) : nullptr;
+      err = reference::check(input, {o.w, o.h, o.c, o.n}, weights, win, data, so, increments(*out),
+                             0, sample);
+    }
+    if (result) pool.checkin(std::move(result));  // the host is done with it
+    (step == 1 ? fresh_first : fresh_later) += host.data_allocations;
+    (step == 1 ? reuses_first : reuses_later) += watch.reuses;
+  }
+
+  // Medians over the steps after the first (all steps if there is one).
+  std::size_t const skip = times.size() > 1 ? 1 : 0;
+  auto stage = [&](double LayerTimes::*field) {
+    std::vector<double> v;
+    for (std::size_t i = skip; i < times.size(); ++i) v.push_back(times[i].*field);
+    return 1e3 * median(v);
+  };
+  std::string const medians =
+      "median of steps " + std::string(skip ? "2.." : "1..") + std::to_string(o.steps);
+  double const flops = 2.0 * double(o.k * o.c * o.r * o.s) * double(o.n * ho * wo);
+  double const convolve = stage(&LayerTimes::convolve);
+  std::printf("pool: step 1 %zu fresh allocations, %zu reuses", fresh_first, reuses_first);
+  if (skip)
+    std::printf("; steps 2..%d %zu fresh allocations, %zu reuses", o.steps, fresh_later,
+                reuses_later);
+  std::printf(
+      "\n%s, ms: reformat in %.3f, allocate %.3f, convolution_forward %.3f "
+      "(%.1f GFLOP/s), reformat out %.3f\n",
+      medians.c_str(), stage(&LayerTimes::reformat_in), stage(&LayerTimes::allocate), convolve,
+      convolve > 0 ? flops / convolve * 1e-6 : 0.0, stage(&LayerTimes::reformat_out));
+
+  double const tolerance = sizeof(T) == 4 ? 1e-5 : 1e-12;
+  bool const ok = err.within(tolerance);
+  std::printf(
+      "largest error against a direct convolution (%s): %.3g (%.3g of the largest value "
+      "%.3g): %s (tolerance %.0e)\n",
+      sample.all ? "every output" : "a sample of observations and rows", err.abs,
+      err.abs / std::max(err.scale, 1e-300), err.scale, ok ? "OK" : "FAILED", tolerance);
+  std::vector<double> const later(totals.begin() + long(skip), totals.end());
+  std::printf("one layer %.3f ms (%s, %d thread%s)\n", 1e3 * median(later), medians.c_str(),
+              threads, threads > 1 ? "s" : "");
+  return ok ? 0 : 1;
+}
+
+// --- command line --------------------------------------------------------------
+
+bool number(char const* v, std::size_t& out) {
+  char* end = nullptr;
+  if (*v < '0' || *v > '9') return false;
+  out = std::strtoul(v, &end, 10);
+  return *end == '\0';
+}
+
+bool pair(char const* v, std::size_t& a, std::size_t& b) {
+  char const* const x = std::strchr(v, 'x');
+  if (!x) return false;
+  std::string const first(v, x);
+  return number(first.c_str(), a) && number(x + 1, b);
+}
+
+bool parse(int argc, char** argv, Options& o) {
+  bool layer_options = false;  // options that only --one takes
+  for (int i = 1; i < argc; ++i) {
+    std::string const a = argv[i];
+    if (a == "--one") {
+      o.one = true;
+      continue;
+    }
+    if (a == "--double") {
+      o.wide = layer_options = true;
+      continue;
+    }
+    if (i + 1 >= argc) return false;
+    char const* v = argv[++i];
+    std::size_t steps = 0, threads = 0;
+    bool ok = true;
+    if (a == "--batch")
+      ok = number(v, o.n);
+    else if (a == "--channels")
+      ok = number(v, o.c);
+    else if (a == "--out")
+      ok = number(v, o.k);
+    else if (a == "--size")
+      ok = pair(v, o.h, o.w);
+    else if (a == "--window")
+      ok = pair(v, o.r, o.s), layer_options = true;
+    else if (a == "--stride")
+      ok = number(v, o.stride), layer_options = true;
+    else if (a == "--padding")
+      ok = number(v, o.padding), layer_options = true;
+    else if (a == "--steps")
+      ok = number(v, steps) && steps > 0 && steps < 100000, o.steps = int(steps);
+    else if (a == "--threads")
+      ok = number(v, threads) && threads > 0 && threads < 10000, o.threads = int(threads);
+    else
+      return false;
+    if (!ok) return false;
+  }
+  if (layer_options && !o.one) return false;
+  return o.n > 0 && o.c > 0 && o.k > 0 && o.h > 0 && o.w > 0 && o.r > 0 && o.s > 0 && o.stride > 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options o;
+  if (!parse(argc, argv, o)) {
+    std::fprintf(stderr,
+                 "usage: %s [--batch N] [--channels C] [--size HxW] [--out K] [--steps T] "
+                 "[--threads T]\n"
+                 "       %s --one [--batch N] [--channels C] [--size HxW] [--out K] "
+                 "[--window RxS] [--stride S] [--padding P] [--steps T] [--threads T] [--double]\n"
+                 "Sizes, counts, the window and the stride are positive; HxW is height by width,\n"
+                 "RxS the window's height by width. Default: batch 16, 64 channels, 56x56, 64\n"
+                 "out, window 3x3, stride 1, padding 1, 10 steps; two layers at one thread and\n"
+                 "then all cores, --one at all cores. A window larger than the padded input\n"
+                 "gives an empty output (--one runs and reports it).\n",
+                 argv[0], argv[0]);
+    return 2;
+  }
+  try {
+    if (!o.one) return run_two_layers(o);
+    return o.wide ? run_one_layer<double>(o) : run_one_layer<float>(o);
+  } catch (std::exception const& e) {  // the pool's "Out of memory." among them
+    std::fprintf(stderr, "%s: %s\n", argv[0], e.what());
+    return 1;
+  }
 }
