@@ -88,6 +88,13 @@ struct PoolWatch {
   }
 };
 
+// Checks a handed-out block in. An array may have none to hand out: a
+// reformat that finds the elements in place (all extents 1) leases nothing,
+// and an empty output has no buffer.
+void give_back(nerva::SharedMemoryPool& pool, std::unique_ptr<nerva::CNNMemoryBlock> block) {
+  if (block) pool.checkin(std::move(block));
+}
+
 std::size_t idle_bytes(nerva::SharedMemoryPool const& pool) {
   std::size_t bytes = 0;
   for (auto const& b : pool.blocks) bytes += b->allocated_size();
@@ -170,7 +177,7 @@ StepResult run_step(nerva::SharedMemoryPool& pool, Options const& s,
   nerva::convolution_forward(in1, w1, padding1, *out1, nerva::ZeroBorder);
   r.l1.convolve = seconds_since(t0);
   check(1, out1->Data(), *out1);
-  pool.checkin(in1.Relinquish());  // the chained input is done with
+  give_back(pool, in1.Relinquish());  // the chained input copy is done with
 
   // Layer 2 takes layer 1's buffer over in the chained layout, padded
   // extents included: no element moves between the layers.
@@ -198,7 +205,7 @@ StepResult run_step(nerva::SharedMemoryPool& pool, Options const& s,
   auto result = out2->Relinquish();
   r.l2.reformat_out = seconds_since(t0);
   check(2, static_cast<float const*>(result->data), *out2);
-  pool.checkin(std::move(result));  // the host is done with it
+  give_back(pool, std::move(result));  // the host is done with it
   r.reuses = watch.reuses;
   return r;
 }
@@ -458,7 +465,7 @@ int run_one_layer(Options const& o) {
       err = reference::check(input, {o.w, o.h, o.c, o.n}, weights, win, data, so, increments(*out),
                              0, sample);
     }
-    if (result) pool.checkin(std::move(result));  // the host is done with it
+    give_back(pool, std::move(result));  // the host is done with it
     (step == 1 ? fresh_first : fresh_later) += host.data_allocations;
     (step == 1 ? reuses_first : reuses_later) += watch.reuses;
   }
