@@ -98,30 +98,39 @@ case "$cmd" in
     ;;
   bench)
     ensure_packages gnuplot-nox python3
-    # PyTorch is only the comparison of the layer step: never needed by the build, the tests
-    # or the example, and the report skips its rows when it cannot be installed.
+    # PyTorch is only the comparison of the convolution layers: never needed by the build, the
+    # tests or the example, and the report leaves its columns empty when it cannot be installed.
     torch=yes
     ensure_packages python3-torch || torch=no
     configure build -DCMAKE_BUILD_TYPE=Release
     build build
     mkdir -p build/bench
+    # Every program of bench/: the FMA peak, ResNet-50's layers, the batch-reduce product, the
+    # copies, permutations, pool and GEMM, each with its JSON for the report.
     for b in build/bench/bench_*; do
       [ -x "$b" ] || continue
       echo "== $b"
       "$b" --benchmark_out="$b.json" --benchmark_out_format=json "${@:2}"
     done
-    # The layer step at one thread and all cores, then PyTorch's conv2d on the same layers.
+    # The layer step at one thread and all cores, one layer alone, then PyTorch's conv2d on the
+    # same layers and on ResNet-50's.
     layer=(--batch 16 --channels 64 --size 56x56 --out 64)
     echo "== build/examples/conv_layer ${layer[*]} --steps 20"
     ./build/examples/conv_layer "${layer[@]}" --steps 20 | tee build/bench/conv_layer.txt
-    rm -f build/bench/torch_conv.json
+    rm -f build/bench/conv_layer_one.txt build/bench/torch_conv.json build/bench/torch_resnet50.json
+    echo "== build/examples/conv_layer ${layer[*]} --one --steps 20"
+    ./build/examples/conv_layer "${layer[@]}" --one --steps 20 | tee build/bench/conv_layer_one.txt ||
+      echo "conv_layer --one did not run: the report leaves its row out"
     # Debian's interpreter: python3-torch is not on the path of another python3 (pyenv, venv).
     if [ "$torch" = yes ]; then
-      echo "== PyTorch conv2d, same layers"
+      echo "== PyTorch conv2d, the example's layers"
       /usr/bin/python3 bench/layer/torch_conv.py "${layer[@]}" --json build/bench/torch_conv.json ||
         echo "PyTorch conv2d did not run: the report skips its rows"
+      echo "== PyTorch conv2d, ResNet-50's layers"
+      /usr/bin/python3 bench/layer/torch_resnet50.py --batch 16 --json build/bench/torch_resnet50.json ||
+        echo "PyTorch conv2d did not run: the report skips its columns"
     else
-      echo "python3-torch could not be installed: the report skips the PyTorch rows"
+      echo "python3-torch could not be installed: the report skips the PyTorch rows and columns"
     fi
     python3 bench/report/report.py build/bench
     gnuplot -e "dir='build/bench'" bench/report/report.gp

@@ -1,7 +1,13 @@
 // Speed of the copy kernels, each against a baseline timed in the same run.
-// A summary table of the ratios and their targets is printed at the end.
+// The kernels run on all cores (TBB's default arena), so their yardsticks are
+// memcpy and memset of the same bytes on as many threads; the one-thread
+// forms stay for scale. A summary table of the ratios and their targets is
+// printed at the end.
 
 #include <benchmark/benchmark.h>
+#include <oneapi/tbb/blocked_range.h>
+#include <oneapi/tbb/parallel_for.h>
+#include <oneapi/tbb/partitioner.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -14,6 +20,7 @@
 
 #include "copy/simple_copy.hpp"
 #include "interleaved_args.hpp"
+#include "memory_speed.hpp"
 #include "nerva/copy.hpp"
 #include "nerva/memory.hpp"
 
@@ -43,13 +50,23 @@ char const* type_name() {
   if constexpr (std::is_same_v<T, long>) return "long";
 }
 
-// --- 64 MiB copy and fill against one-thread memcpy / memset ---------------
+// --- 64 MiB copy and fill against memcpy / memset --------------------------
 
 void BigMemcpy(benchmark::State& state) {
   auto src = filled<unsigned char>(kBigBytes);
   std::vector<unsigned char> dst(kBigBytes, 1);
   for (auto _ : state) {
     std::memcpy(dst.data(), src.data(), kBigBytes);
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(state.iterations() * kBigBytes);
+}
+
+void BigMemcpyThreads(benchmark::State& state) {
+  auto src = filled<unsigned char>(kBigBytes);
+  std::vector<unsigned char> dst(kBigBytes, 1);
+  for (auto _ : state) {
+    bench::threaded_move(dst.data(), src.data(), kBigBytes);
     benchmark::ClobberMemory();
   }
   state.SetBytesProcessed(state.iterations() * kBigBytes);
@@ -71,6 +88,15 @@ void BigMemset(benchmark::State& state) {
   std::vector<unsigned char> dst(kBigBytes, 1);
   for (auto _ : state) {
     std::memset(dst.data(), 0, kBigBytes);
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(state.iterations() * kBigBytes);
+}
+
+void BigMemsetThreads(benchmark::State& state) {
+  std::vector<unsigned char> dst(kBigBytes, 1);
+  for (auto _ : state) {
+    bench::threaded_move(dst.data(), nullptr, kBigBytes);
     benchmark::ClobberMemory();
   }
   state.SetBytesProcessed(state.iterations() * kBigBytes);
@@ -110,6 +136,17 @@ void GrainFill(benchmark::State& state) {
     benchmark::ClobberMemory();
   }
   state.SetBytesProcessed(state.iterations() * n * sizeof(T));
+}
+
+// What splitting a range in two costs by itself: a parallel_for of two empty
+// chunks, as the kernels split one grain plus one element. The host's wake-up
+// and steal latency, which no grain size can hide.
+void ForkJoin(benchmark::State& state) {
+  for (auto _ : state)
+    tbb::parallel_for(
+        tbb::blocked_range<std::size_t>(0, 2, 1),
+        [](tbb::blocked_range<std::size_t> const& r) { benchmark::DoNotOptimize(r.begin()); },
+        tbb::auto_partitioner());
 }
 
 // --- strided gather: every second index of 224 x 224, 64 x 8 planes --------
@@ -201,6 +238,30 @@ void StridedLoops(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * s.selected() * s.planes() * sizeof(float));
 }
 
+// memcpy of as many bytes as the gather moves, on all cores.
+void StridedMemcpyThreads(benchmark::State& state) {
+  Subsample s;
+  std::size_t const bytes = s.selected() * s.planes() * sizeof(float);
+  auto src = filled<unsigned char>(bytes);
+  std::vector<unsigned char> dst(bytes, 1);
+  for (auto _ : state) {
+    bench::threaded_move(dst.data(), src.data(), bytes);
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(state.iterations() * bytes);
+}
+
+// memcpy of arrays twice the last-level cache on all cores: memory speed,
+// for the gather whose source is four times the bytes it moves.
+void OutOfCacheMemcpy(benchmark::State& state) {
+  bench::OutOfCacheArrays& arrays = bench::OutOfCacheArrays::get();
+  for (auto _ : state) {
+    arrays.copy();
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * arrays.bytes()));
+}
+
 // --- ranged copy: 56 x 56 into 58 x 58 groups of 64 x 32 -------------------
 
 constexpr std::size_t kGroup = 64 * 32;
@@ -227,6 +288,16 @@ void RangedMemcpy(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * kRangedBytes);
 }
 
+void RangedMemcpyThreads(benchmark::State& state) {
+  auto src = filled<unsigned char>(kRangedBytes);
+  std::vector<unsigned char> dst(kRangedBytes, 1);
+  for (auto _ : state) {
+    bench::threaded_move(dst.data(), src.data(), kRangedBytes);
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(state.iterations() * kRangedBytes);
+}
+
 // --- registration and the summary ------------------------------------------
 
 benchmark::internal::Benchmark* add(std::string const& name, void (*fn)(benchmark::State&)) {
@@ -243,9 +314,10 @@ benchmark::internal::Benchmark* add(std::string const& name, void (*fn)(benchmar
 struct Ratio {
   std::string label;
   std::string kernel, baseline;
-  double scale;     // baseline time is multiplied by this
+  double scale;     // baseline time is multiplied by this (bytes ratio for rates)
   bool time_ratio;  // kernel time / scaled baseline time, else baseline / kernel
   char const* target;
+  std::string added = {};  // a time added to the scaled baseline
 };
 std::vector<Ratio> ratios;
 
@@ -255,8 +327,8 @@ void add_grain_copy() {
   std::string const base = std::string("grain_copy/") + type_name<T>();
   add(base + "/G", GrainCopy<T>)->Arg(static_cast<long>(g));
   add(base + "/G+1", GrainCopy<T>)->Arg(static_cast<long>(g + 1));
-  ratios.push_back({base + " t(G+1)/(t(G)(G+1)/G)", base + "/G+1", base + "/G",
-                    double(g + 1) / double(g), true, "<= 1.3"});
+  ratios.push_back({base + " t(G+1)/(t(G)(G+1)/G + fork)", base + "/G+1", base + "/G",
+                    double(g + 1) / double(g), true, "<= 1.3", "grain_fork_join/empty"});
 }
 
 template <class T>
@@ -265,8 +337,8 @@ void add_grain_fill() {
   std::string const base = std::string("grain_fill/") + type_name<T>();
   add(base + "/G", GrainFill<T>)->Arg(static_cast<long>(g));
   add(base + "/G+1", GrainFill<T>)->Arg(static_cast<long>(g + 1));
-  ratios.push_back({base + " t(G+1)/(t(G)(G+1)/G)", base + "/G+1", base + "/G",
-                    double(g + 1) / double(g), true, "<= 1.3"});
+  ratios.push_back({base + " t(G+1)/(t(G)(G+1)/G + fork)", base + "/G+1", base + "/G",
+                    double(g + 1) / double(g), true, "<= 1.3", "grain_fork_join/empty"});
 }
 
 // Remembers the fastest of the repetitions of every benchmark by name: on a
@@ -286,23 +358,26 @@ class RecordingReporter : public benchmark::ConsoleReporter {
 
 int main(int argc, char** argv) {
   add("copy_64MiB/memcpy_1thread", BigMemcpy);
+  add("copy_64MiB/memcpy_all_cores", BigMemcpyThreads);
   add("copy_64MiB/simple_copy_uchar", BigCopy<unsigned char>);
   add("copy_64MiB/simple_copy_float", BigCopy<float>);
   add("copy_64MiB/simple_copy_double", BigCopy<double>);
   add("fill_64MiB/memset_1thread", BigMemset);
+  add("fill_64MiB/memset_all_cores", BigMemsetThreads);
   add("fill_64MiB/simple_fill_uchar", BigFill<unsigned char>);
   add("fill_64MiB/simple_fill_float", BigFill<float>);
   add("fill_64MiB/simple_fill_double", BigFill<double>);
   add("fill_64MiB/simple_fill_long", BigFill<long>);
   for (char const* t : {"uchar", "float", "double"})
     ratios.push_back({std::string("copy 64MiB ") + t + " vs memcpy",
-                      std::string("copy_64MiB/simple_copy_") + t, "copy_64MiB/memcpy_1thread", 1.0,
-                      false, ">= 1.0"});
+                      std::string("copy_64MiB/simple_copy_") + t, "copy_64MiB/memcpy_all_cores",
+                      1.0, false, ">= 0.8"});
   for (char const* t : {"uchar", "float", "double", "long"})
     ratios.push_back({std::string("fill 64MiB ") + t + " vs memset",
-                      std::string("fill_64MiB/simple_fill_") + t, "fill_64MiB/memset_1thread", 1.0,
-                      false, ">= 1.0"});
+                      std::string("fill_64MiB/simple_fill_") + t, "fill_64MiB/memset_all_cores",
+                      1.0, false, ">= 0.8"});
 
+  add("grain_fork_join/empty", ForkJoin);
   add_grain_copy<unsigned char>();
   add_grain_copy<float>();
   add_grain_copy<double>();
@@ -318,18 +393,35 @@ int main(int argc, char** argv) {
     add(base + "naive_" + layout, StridedNaive)->Arg(channelDim);
     add(base + "loops_" + layout, StridedLoops)->Arg(channelDim);
     add(base + "strided_copy_" + layout, StridedKernel)->Arg(channelDim);
+    // Where the naive loop is memory-bound too (planes innermost: runs of 2
+    // KiB), memcpy of the moved bytes is the yardstick.
     ratios.push_back({"strided copy (" + layout + ") vs naive",
                       base + "strided_copy_" + layout + arg, base + "naive_" + layout + arg, 1.0,
-                      false, ">= 3.0"});
+                      false, channelDim != 0 ? ">= 3.0" : "(info)"});
     ratios.push_back({"strided copy (" + layout + ") vs loops",
                       base + "strided_copy_" + layout + arg, base + "loops_" + layout + arg, 1.0,
                       false, "(info)"});
   }
 
+  add("strided_224x224x64x8/memcpy_all_cores_moved", StridedMemcpyThreads);
+  ratios.push_back({"strided copy (planes_inner) vs memcpy of moved",
+                    "strided_224x224x64x8/strided_copy_planes_inner/0",
+                    "strided_224x224x64x8/memcpy_all_cores_moved", 1.0, false, "(info)"});
+  // Its rate against memory's: a gather that reads a quarter of an array
+  // four times its output is held to memcpy from memory, not from a cache.
+  add("memory_speed/memcpy_out_of_cache_all_cores", OutOfCacheMemcpy);
+  ratios.push_back({"strided copy (planes_inner) vs memory speed",
+                    "strided_224x224x64x8/strided_copy_planes_inner/0",
+                    "memory_speed/memcpy_out_of_cache_all_cores",
+                    double(Subsample().selected() * Subsample().planes() * sizeof(float)) /
+                        double(bench::OutOfCacheArrays::size()),
+                    false, ">= 0.5"});
+
   add("ranged_56to58_64x32/memcpy_1thread", RangedMemcpy);
+  add("ranged_56to58_64x32/memcpy_all_cores", RangedMemcpyThreads);
   add("ranged_56to58_64x32/ranged_copy", RangedKernel);
   ratios.push_back({"ranged copy vs memcpy of moved bytes", "ranged_56to58_64x32/ranged_copy",
-                    "ranged_56to58_64x32/memcpy_1thread", 1.0, false, ">= 0.7"});
+                    "ranged_56to58_64x32/memcpy_all_cores", 1.0, false, ">= 0.7"});
 
   bench::InterleavedArgs args(argc, argv);
   benchmark::Initialize(args.argc(), args.argv());
@@ -347,9 +439,10 @@ int main(int argc, char** argv) {
   };
   std::printf("\n%-44s %10s %10s\n", "ratio", "value", "target");
   for (Ratio const& r : ratios) {
-    double k = 0, b = 0;
+    double k = 0, b = 0, added = 0;
     if (!find(r.kernel, k) || !find(r.baseline, b)) continue;
-    double const value = r.time_ratio ? k / (b * r.scale) : b / k;
+    if (!r.added.empty() && !find(r.added, added)) continue;
+    double const value = r.time_ratio ? k / (b * r.scale + added) : b * r.scale / k;
     std::printf("%-44s %9.2fx %10s\n", r.label.c_str(), value, r.target);
   }
   benchmark::Shutdown();

@@ -1,9 +1,13 @@
 // Permute<N> on the reformats of a layer step, and ParallelPermute<N> in TBB
-// arenas of one and two threads, against a single-thread memcpy of the same
-// bytes and a naive index loop, all in the same run. After the Google
-// Benchmark output a summary table gives, per case, the rate of Permute<N>
-// and the ratios of both routines to memcpy and of Permute<N> to the naive
-// loop, each from the best of five repetitions, run in random order.
+// arenas of one and two threads, against memcpy and a naive index loop, all
+// in the same run. Two memcpy yardsticks: one of the same bytes on the same
+// number of threads (from whatever cache holds them), and one of arrays twice
+// the size of the last-level cache on one and on two threads, the memory
+// speed that a layout move can be asked to keep up with on any host (a
+// transpose reads many rows at once and cannot match memcpy inside a cache).
+// After the Google Benchmark output a summary table gives, per case, the rate
+// of Permute<N> and its ratios to these and to the naive loop, each from the
+// best of five repetitions, run in random order.
 #include <benchmark/benchmark.h>
 #include <oneapi/tbb/task_arena.h>
 
@@ -16,6 +20,7 @@
 #include <vector>
 
 #include "interleaved_args.hpp"
+#include "memory_speed.hpp"
 #include "qel_permute/permute.hpp"
 
 namespace {
@@ -80,6 +85,18 @@ Buffer make_buffer(std::size_t bytes) {
   return b;
 }
 
+void OutOfCacheMemcpy(benchmark::State& state, int threads) {
+  bench::OutOfCacheArrays& arrays = bench::OutOfCacheArrays::get();
+  tbb::task_arena arena(threads);
+  arena.execute([&] {
+    for (auto _ : state) {
+      arrays.copy();
+      benchmark::ClobberMemory();
+    }
+  });
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * arrays.bytes()));
+}
+
 void run_permute(Case const& c, void const* src, void* dst, bool parallel) {
   using qel_permute::ParallelPermute, qel_permute::Permute;
   decltype(&Permute<1>)
@@ -112,16 +129,19 @@ void naive_permute(Case const& c, unsigned char const* src, unsigned char* dst) 
   }
 }
 
-enum class Kind { Permute, Parallel1, Parallel2, Memcpy, Naive };
+enum class Kind { Permute, Parallel1, Parallel2, Memcpy, Naive, Memcpy2 };
 
 void bench_case(benchmark::State& state, Case const& c, Kind kind) {
   std::size_t const bytes = bytes_of(c);
   Buffer const src = make_buffer(bytes), dst = make_buffer(bytes);
-  if (kind == Kind::Parallel1 || kind == Kind::Parallel2) {
+  if (kind == Kind::Parallel1 || kind == Kind::Parallel2 || kind == Kind::Memcpy2) {
     tbb::task_arena arena(kind == Kind::Parallel1 ? 1 : 2);
     arena.execute([&] {
       for (auto _ : state) {
-        run_permute(c, src.get(), dst.get(), true);
+        if (kind == Kind::Memcpy2)
+          bench::threaded_move(dst.get(), src.get(), bytes);
+        else
+          run_permute(c, src.get(), dst.get(), true);
         benchmark::DoNotOptimize(dst.get());
         benchmark::ClobberMemory();
       }
@@ -149,7 +169,9 @@ void bench_case(benchmark::State& state, Case const& c, Kind kind) {
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes));
 }
 
-char const* const kKindNames[] = {"permute", "parallel1", "parallel2", "memcpy", "naive"};
+char const* const kKindNames[] = {"permute", "parallel1", "parallel2",
+                                  "memcpy",  "naive",     "memcpy2"};
+char const* const kOutOfCache[] = {"", "memcpy_llc/1 thread", "memcpy_llc/2 threads"};
 
 // Keeps the seconds per iteration of every run for the summary.
 class SummaryReporter : public benchmark::ConsoleReporter {
@@ -172,22 +194,33 @@ class SummaryReporter : public benchmark::ConsoleReporter {
   }
 
   void PrintSummary() const {
-    std::printf("\n%-50s %7s %7s %9s %9s %9s %8s\n", "case (GB/s = 1e9 bytes/s)", "GB/s", "memcpy",
-                "x memcpy", "1T x mcp", "2T x mcp", "x naive");
+    double const mem1 = find(kOutOfCache[1]), mem2 = find(kOutOfCache[2]);
+    double const big = static_cast<double>(bench::OutOfCacheArrays::get().bytes()) * 1e-9;
+    std::printf(
+        "\nmemcpy of %.0f MiB (twice the last-level cache): 1 thread %.2f GB/s, "
+        "2 threads %.2f GB/s\n",
+        big * 1e9 / 1048576.0, mem1 > 0 ? big / mem1 : 0.0, mem2 > 0 ? big / mem2 : 0.0);
+    std::printf("\n%-50s %7s %8s %8s %9s %9s %8s\n", "case (GB/s = 1e9 bytes/s)", "GB/s",
+                "x memcpy", "x memory", "2T x mcp2", "2T x mem2", "x naive");
     auto ratio = [](double base, double t) { return base > 0 && t > 0 ? base / t : 0.0; };
     for (auto const& c : cases()) {
-      double const t = find(kKindNames[0], c), p1 = find(kKindNames[1], c),
-                   p2 = find(kKindNames[2], c), m = find(kKindNames[3], c),
-                   n = find(kKindNames[4], c);
+      double const t = find(kKindNames[0], c), p2 = find(kKindNames[2], c),
+                   m = find(kKindNames[3], c), n = find(kKindNames[4], c),
+                   m2 = find(kKindNames[5], c);
       double const bytes = static_cast<double>(bytes_of(c)) * 1e-9;
-      std::printf("%-50s %7.2f %7.2f %9.2f %9.2f %9.2f %8.1f\n", c.name, ratio(bytes, t),
-                  ratio(bytes, m), ratio(m, t), ratio(m, p1), ratio(m, p2), ratio(n, t));
+      // Rates against the out-of-cache memcpy: bytes per second over bytes per second.
+      std::printf("%-50s %7.2f %8.2f %8.2f %9.2f %9.2f %8.1f\n", c.name, ratio(bytes, t),
+                  ratio(m, t), ratio(bytes, t) * mem1 / big, ratio(m2, p2),
+                  ratio(bytes, p2) * mem2 / big, ratio(n, t));
     }
   }
 
  private:
   double find(char const* kind, Case const& c) const {
-    auto const it = seconds_.find(std::string(kind) + "/" + c.name);
+    return find(std::string(kind) + "/" + c.name);
+  }
+  double find(std::string const& name) const {
+    auto const it = seconds_.find(name);
     return it == seconds_.end() ? 0.0 : it->second;
   }
   std::map<std::string, double> seconds_;
@@ -197,7 +230,8 @@ class SummaryReporter : public benchmark::ConsoleReporter {
 
 int main(int argc, char** argv) {
   for (auto const& c : cases()) {
-    for (Kind kind : {Kind::Permute, Kind::Parallel1, Kind::Parallel2, Kind::Memcpy, Kind::Naive}) {
+    for (Kind kind : {Kind::Permute, Kind::Parallel1, Kind::Parallel2, Kind::Memcpy, Kind::Naive,
+                      Kind::Memcpy2}) {
       if (kind == Kind::Naive && !c.naive) continue;
       std::string const name = std::string(kKindNames[static_cast<int>(kind)]) + "/" + c.name;
       benchmark::RegisterBenchmark(name.c_str(), bench_case, c, kind)
@@ -207,6 +241,12 @@ int main(int argc, char** argv) {
           ->Repetitions(5);
     }
   }
+  for (int threads : {1, 2})
+    benchmark::RegisterBenchmark(kOutOfCache[threads], OutOfCacheMemcpy, threads)
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime()
+        ->MinTime(0.1)
+        ->Repetitions(5);
   bench::InterleavedArgs args(argc, argv);
   benchmark::Initialize(args.argc(), args.argv());
   SummaryReporter reporter;
