@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "nerva/batch_gemm.hpp"
 #include "nerva/copy.hpp"
 #include "nerva/formatted_array.hpp"
 #include "nerva/output_array.hpp"
@@ -109,6 +110,57 @@ TEST(Checked, EachCallerErrorIsReportedWithItsMessage) {
   // The rejected reformats left their layouts as they were.
   EXPECT_TRUE(unallocated.IsInKORVALFormat());
   EXPECT_EQ(holed.ChannelDimension(), 0u);
+}
+
+// batch_reduce_gemm: each argument error with its message, next to the valid calls that must go
+// through because nothing reads the argument (no products, or no rows or columns of C).
+TEST(Checked, BatchReduceGemmReportsEachCallerError) {
+  std::vector<double> a(16, 1.0), b(16, 1.0), c(16, 0.0);
+  double const* const A[] = {a.data(), a.data()};
+  double const* const B[] = {b.data(), b.data()};
+  double const* const holeA[] = {a.data(), nullptr};
+  double const* const holeB[] = {nullptr, b.data()};
+  auto call = [&](long m, long n, long k, double const* const* As, long lda,
+                  double const* const* Bs, long ldb, long count, double* C, long ldc) {
+    return [=] { nerva::batch_reduce_gemm<double>(m, n, k, As, lda, Bs, ldb, count, C, ldc, 0.0); };
+  };
+  double* const C = c.data();
+  std::string const f = "batch_reduce_gemm: ";
+  struct Case {
+    std::function<void()> call;
+    std::string message;
+  };
+  Case const cases[] = {
+      {call(4, 3, 2, A, 4, B, 2, 2, C, 4), ""},
+      {call(4, 3, -1, A, 4, B, 2, 2, C, 4), f + "k is -1, below 0"},
+      {call(4, 3, 2, A, 4, B, 2, -2, C, 4), f + "count is -2, below 0"},
+      {call(4, 3, 2, A, 4, B, 2, 2, nullptr, 4), f + "null C"},
+      {call(4, 3, 2, A, 4, B, 2, 2, C, 3), f + "ldc 3 is below m 4"},
+      {call(4, 3, 2, nullptr, 4, B, 2, 2, C, 4), f + "null A"},
+      {call(4, 3, 2, A, 4, nullptr, 2, 2, C, 4), f + "null B"},
+      {call(4, 3, 2, A, 3, B, 2, 2, C, 4), f + "lda 3 is below m 4"},
+      {call(4, 3, 2, A, 4, B, 1, 2, C, 4), f + "ldb 1 is below k 2"},
+      {call(4, 3, 2, holeA, 4, B, 2, 2, C, 4), f + "null A[1]"},
+      {call(4, 3, 2, A, 4, holeB, 2, 2, C, 4), f + "null B[0]"},
+      {call(4, 3, 2, holeA, 4, holeB, 2, 1, C, 4), f + "null B[0]"},
+      {call(4, 3, 2, holeA, 4, B, 2, 1, C, 4), ""},  // only A[0] is read
+      {call(4, 3, 0, nullptr, 0, nullptr, 0, 2, C, 4), ""},
+      {call(4, 3, 2, nullptr, 0, nullptr, 0, 0, C, 4), ""},
+      {call(0, 3, 2, nullptr, 0, nullptr, 0, 2, nullptr, 0), ""},
+      {call(4, -1, 2, nullptr, 0, nullptr, 0, 2, nullptr, 0), ""},
+  };
+  for (Case const& c : cases) {
+    try {
+      c.call();
+      EXPECT_EQ(c.message, "") << "no exception";
+    } catch (std::invalid_argument const& e) {
+      EXPECT_EQ(e.what(), c.message);
+    }
+  }
+  float const* const fA[] = {nullptr};
+  float x = 0.0f;
+  EXPECT_THROW(nerva::batch_reduce_gemm<float>(1, 1, 1, fA, 1, fA, 1, 1, &x, 1, 1.0f),
+               std::invalid_argument);
 }
 
 }  // namespace
