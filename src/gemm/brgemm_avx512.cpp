@@ -24,9 +24,8 @@ struct Avx512Float {
   using Reg = __m512;
   using Mask = __mmask16;
   static constexpr int L = 16;
-  // The hardware prefetchers keep up with float: software prefetches of A
-  // measured 3-5% slower on the layer shapes (faster only where A fills most
-  // of L2).
+  // The hardware prefetchers keep up: software prefetches of A measured 3-5%
+  // slower on the layer shapes (faster only where A fills most of L2).
   static constexpr long kPrefetch = 0;
   static Mask mask(int lanes) { return Mask((1u << lanes) - 1); }
   static Reg zero() { return _mm512_setzero_ps(); }
@@ -44,9 +43,7 @@ struct Avx512Double {
   using Reg = __m512d;
   using Mask = __mmask8;
   static constexpr int L = 8;
-  // Eight columns of A ahead (4 KiB with 64 rows): up to 3% faster than none
-  // or 16 on the layer shapes, 5% slower on the stem's 3-deep products.
-  static constexpr long kPrefetch = 8;
+  static constexpr long kPrefetch = 0;  // as for float
   static Mask mask(int lanes) { return Mask((1u << lanes) - 1); }
   static Reg zero() { return _mm512_setzero_pd(); }
   static Reg set1(T x) { return _mm512_set1_pd(x); }
@@ -60,13 +57,15 @@ struct Avx512Double {
 
 }  // namespace
 
-// Four vectors of rows by six columns: 24 accumulators and four vectors of A
-// in 28 of the 32 registers, B broadcast from memory into each multiply-add.
-// Measured against 32 x 14 (float) and 4 x 7 vectors: as fast on the layer
-// shapes, faster with large power-of-two ldb (six columns of B share one
-// cache set where fourteen overflow its twelve ways), and 64 rows are one
-// block of output channels.
+// Four vectors of rows by six columns for float (64 rows: one block of output
+// channels), by seven for double: 24 or 28 accumulators and the four vectors
+// of A in at most 32 registers, B broadcast from memory into each
+// multiply-add. Measured against 32 x 14, 48 x 8 and 32 x 12 (float) and
+// 16 x 14 (double) on the layer shapes: 64 x 6 is as fast as the best of
+// them everywhere, and keeps a large power-of-two ldb from overflowing a
+// cache set (14 columns of B in one set of 12 ways); for double, 32 x 7 was
+// 3-10% faster than 32 x 6 except on 16 columns.
 void brgemm_avx512(BrgemmArgs<float> const& args) { run_tiles<Avx512Float, 4, 6>(args); }
-void brgemm_avx512(BrgemmArgs<double> const& args) { run_tiles<Avx512Double, 4, 6>(args); }
+void brgemm_avx512(BrgemmArgs<double> const& args) { run_tiles<Avx512Double, 4, 7>(args); }
 
 }  // namespace nerva::gemm_detail

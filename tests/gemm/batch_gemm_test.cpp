@@ -91,8 +91,8 @@ void random_shapes(BrgemmIsa isa, unsigned seed) {
   T const betas[] = {T(0), T(1), T(3)};
   for (int c = 0; c < 24; ++c) {
     long const m = in(1, 300), n = in(1, 300), count = in(0, 12);
-    // At most 4 * 10^6 multiply-adds for the naive loop.
-    long const k = in(1, std::max(1L, std::min(300L, 4000000 / (m * n * std::max(count, 1L)))));
+    // At most 2 * 10^6 multiply-adds for the naive loop.
+    long const k = in(1, std::max(1L, std::min(300L, 2000000 / (m * n * std::max(count, 1L)))));
     check(isa, Batch<T>(m, n, k, count, in(0, 17), in(0, 17), in(0, 17), rng()), betas[c % 3]);
   }
 }
