@@ -3,7 +3,11 @@
 #include <gtest/gtest.h>
 #include <oneapi/tbb/blocked_range2d.h>
 #include <oneapi/tbb/parallel_for.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <random>
 #include <string>
 #include <vector>
@@ -140,6 +144,56 @@ TEST_P(BatchReduceGemm, EmptyProducts) {
     nerva::gemm_detail::brgemm_run<double>(
         isa, {4, m, 3, nullptr, 4, nullptr, 3, 2, nullptr, 4, 0.0}, 1 << 20);
   }
+}
+
+// `count` elements that end where an inaccessible page begins: a load or store of even one
+// element past them faults.
+template <typename T>
+class Fenced {
+ public:
+  explicit Fenced(std::vector<T> const& values) {
+    std::size_t const page = std::size_t(sysconf(_SC_PAGESIZE)), bytes = values.size() * sizeof(T);
+    std::size_t const data_pages = (bytes + page - 1) / page;
+    size_ = (data_pages + 1) * page;
+    base_ = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    char* const fence = static_cast<char*>(base_) + data_pages * page;
+    mprotect(fence, page, PROT_NONE);
+    data_ = reinterpret_cast<T*>(fence - bytes);
+    std::copy(values.begin(), values.end(), data_);
+  }
+  ~Fenced() { munmap(base_, size_); }
+  Fenced(Fenced const&) = delete;
+  Fenced& operator=(Fenced const&) = delete;
+  T* data() const { return data_; }
+
+ private:
+  void* base_;
+  std::size_t size_;
+  T* data_;
+};
+
+// With unpadded leading dimensions, the last column of each A[i] and of C ends at a fence: the
+// masked loads and stores of the last vector of rows stay within m (a crash otherwise).
+template <typename T>
+void fenced_rows(BrgemmIsa isa) {
+  for (long m : {1L, 3L, 7L, 13L, 17L, 30L, 45L, 63L, 71L, 100L})
+    for (T beta : {T(0), T(2)}) {
+      Batch<T> b(m, 5, 3, 2, 0, 0, 0, unsigned(m));
+      std::vector<T> const want = b.expected(beta);
+      std::vector<T> const c(b.C.begin(), b.C.begin() + m * b.n);
+      Fenced<T> const a0(b.a[0]), a1(b.a[1]), b0(b.b[0]), b1(b.b[1]), fc(c);
+      T const* const A[] = {a0.data(), a1.data()};
+      T const* const B[] = {b0.data(), b1.data()};
+      nerva::gemm_detail::brgemm_run<T>(isa, {m, b.n, b.k, A, m, B, b.k, 2, fc.data(), m, beta},
+                                        nerva::gemm_detail::brgemm_batch_bytes());
+      EXPECT_TRUE(std::equal(fc.data(), fc.data() + m * b.n, want.begin()))
+          << isa_name(isa) << " m=" << m << " beta=" << beta;
+    }
+}
+
+TEST_P(BatchReduceGemm, NothingPastTheLastRowIsTouched) {
+  fenced_rows<float>(GetParam());
+  fenced_rows<double>(GetParam());
 }
 
 INSTANTIATE_TEST_SUITE_P(Isa, BatchReduceGemm,
