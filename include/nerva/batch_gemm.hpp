@@ -17,12 +17,16 @@ namespace nerva {
 /// instead of re-reading its output per product. The operands are read where
 /// they are: nothing is packed.
 ///
-/// With beta == 0, C is only written, never read (NaN or garbage in C does not
-/// reach the result). count == 0 or k == 0 leaves beta * C (zeros for beta 0);
-/// m <= 0 or n <= 0 does nothing.
+/// With beta == 0, what C holds on entry is never read (NaN or garbage in C
+/// does not reach the result). count == 0 or k == 0 leaves beta * C (zeros for
+/// beta 0); m <= 0 or n <= 0 does nothing. Rows past m in the padding of C are
+/// never touched.
 /// \cost Runs on the calling thread; allocates nothing and takes no lock. The
 /// micro-kernels are chosen once per process for the CPU (AVX-512, AVX2 with
-/// FMA, or portable code).
+/// FMA, or portable code). Every block of columns of C reads all of A: a batch
+/// whose matrices A[i] (m x k each) together exceed half of the CPU's L2 cache
+/// runs as several passes over C, each with as many products as fit (the first
+/// with beta, the others adding to what it stored), so that A comes from L2.
 /// \failure The checked build throws std::invalid_argument for negative k or
 /// count, leading dimensions below m (lda, ldc) or k (ldb), and null arrays or
 /// array entries that would be read; the default build trusts its caller.
